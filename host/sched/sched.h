@@ -16,7 +16,8 @@
 #include <string>
 #include <vector>
 
-namespace mvgps::sched {
+namespace mvgps::sched
+{
 
 using Nanos = std::int64_t;
 inline constexpr Nanos kForever = INT64_MAX;
@@ -35,8 +36,9 @@ struct WaitList {
     Thread* last = nullptr;
 };
 
-class Scheduler {
-public:
+class Scheduler
+{
+  public:
     virtual ~Scheduler() = default;
 
     virtual Mode mode() const = 0;
@@ -81,15 +83,16 @@ Scheduler& current();
 bool installed();
 
 // Installs a scheduler for its lifetime; the previous one (if any) comes back afterwards.
-class Install {
-public:
+class Install
+{
+  public:
     explicit Install(std::unique_ptr<Scheduler> s);
     ~Install();
     Install(const Install&) = delete;
     Install& operator=(const Install&) = delete;
     Scheduler& get() { return *sched_; }
 
-private:
+  private:
     std::unique_ptr<Scheduler> sched_;
     Scheduler* previous_;
 };
@@ -102,14 +105,15 @@ std::unique_ptr<Scheduler> make_realtime();
 std::unique_ptr<Scheduler> make_from_env();
 std::uint64_t seed_from_env();
 
-class StateLock {
-public:
+class StateLock
+{
+  public:
     explicit StateLock(Scheduler& s) : s_(s) { s_.lock(); }
     ~StateLock() { s_.unlock(); }
     StateLock(const StateLock&) = delete;
     StateLock& operator=(const StateLock&) = delete;
 
-private:
+  private:
     Scheduler& s_;
 };
 

@@ -5,9 +5,11 @@
 
 #include "sched/sched.h"
 
-namespace {
+namespace
+{
 
-class SeedReporter : public testing::EmptyTestEventListener {
+class SeedReporter : public testing::EmptyTestEventListener
+{
     void OnTestPartResult(const testing::TestPartResult& result) override
     {
         if (result.failed() && mvgps::sched::installed() &&
