@@ -1,0 +1,203 @@
+// Events, waits, delays and the clocks. An event's whole state lives in its 24 bytes: the
+// signal state, and the wait-list head reused as the scheduler's list of blocked threads.
+#include "kernel/internal.h"
+
+#include <chrono>
+#include <new>
+#include <string>
+
+#include "verifier/verifier.h"
+
+namespace mvgps::kernel::detail {
+
+static_assert(sizeof(sched::WaitList) == sizeof(LIST_ENTRY) &&
+                  alignof(sched::WaitList) <= alignof(LIST_ENTRY),
+              "the scheduler's wait list fits the dispatcher header's list head");
+
+sched::WaitList& waiters(DISPATCHER_HEADER& header)
+{
+    return *std::launder(reinterpret_cast<sched::WaitList*>(&header.WaitListHead));
+}
+
+void signal_header(DISPATCHER_HEADER& header)
+{
+    auto& s = sched::current();
+    sched::StateLock state(s);
+    header.SignalState = 1;
+    s.wake(waiters(header));
+}
+
+namespace {
+
+// System time (100 ns units since 1601) at scheduler time zero in simulated runs: a fixed
+// date, so that a replay sees the same clock. Realtime runs read the real clock.
+constexpr LONGLONG kSimulatedEpoch = 133'515'072'000'000'000LL; // 2024-02-01 00:00 UTC
+constexpr LONGLONG kUnixEpochAsSystemTime = 116'444'736'000'000'000LL;
+
+LONGLONG system_time(sched::Scheduler& s)
+{
+    if (s.mode() == sched::Mode::Simulated) {
+        return kSimulatedEpoch + s.now() / 100;
+    }
+    auto since_unix = std::chrono::system_clock::now().time_since_epoch();
+    return kUnixEpochAsSystemTime +
+           std::chrono::duration_cast<std::chrono::nanoseconds>(since_unix).count() / 100;
+}
+
+sched::Nanos after(sched::Nanos now, ULONGLONG hundreds)
+{
+    if (hundreds > static_cast<ULONGLONG>(sched::kForever - now) / 100) {
+        return sched::kForever;
+    }
+    return now + static_cast<sched::Nanos>(hundreds) * 100;
+}
+
+void check_header(DISPATCHER_HEADER* header, const char* caller)
+{
+    bool event = header->Type == kEventNotificationObject ||
+                 header->Type == kEventSynchronizationObject;
+    bool known = event || header->Type == kThreadObject;
+    if (!known || header->Size == 0) {
+        verifier::bugcheck(verifier::kDriverVerifierViolation,
+                           std::string(caller) +
+                               " on an object that is not an initialised event or thread",
+                           reinterpret_cast<ULONG_PTR>(header), header->Type, header->Size);
+    }
+}
+
+// Takes the object if it is signalled: a synchronization event resets as it releases.
+bool try_take(DISPATCHER_HEADER* header)
+{
+    if (header->SignalState == 0) {
+        return false;
+    }
+    if (header->Type == kEventSynchronizationObject) {
+        header->SignalState = 0;
+    }
+    return true;
+}
+
+void check_wait_irql(const char* caller, const LARGE_INTEGER* timeout)
+{
+    KIRQL irql = this_thread().irql;
+    if (irql >= DISPATCH_LEVEL && (timeout == nullptr || timeout->QuadPart != 0)) {
+        verifier::bugcheck(verifier::kDriverVerifierViolation,
+                           std::string(caller) + (timeout ? " with a timeout" : " without a timeout") +
+                               " at " + irql_name(irql),
+                           irql, timeout ? static_cast<ULONG_PTR>(timeout->QuadPart) : 0);
+    }
+}
+
+LONG set_state(PRKEVENT event, LONG state, const char* caller, const char* point)
+{
+    check_header(&event->Header, caller);
+    auto& s = sched::current();
+    LONG previous;
+    {
+        sched::StateLock lock(s);
+        previous = event->Header.SignalState;
+        event->Header.SignalState = state;
+        if (state != 0) {
+            s.wake(waiters(event->Header));
+        }
+    }
+    s.point(point);
+    return previous;
+}
+
+} // namespace
+
+sched::Nanos deadline_of(sched::Scheduler& s, const LARGE_INTEGER* interval)
+{
+    if (interval == nullptr) {
+        return sched::kForever;
+    }
+    sched::Nanos now = s.now();
+    LONGLONG q = interval->QuadPart;
+    if (q < 0) {
+        return after(now, static_cast<ULONGLONG>(-(q + 1)) + 1);
+    }
+    LONGLONG until = q - system_time(s);
+    return until <= 0 ? now : after(now, static_cast<ULONGLONG>(until));
+}
+
+} // namespace mvgps::kernel::detail
+
+using namespace mvgps;
+using namespace mvgps::kernel::detail;
+
+extern "C" {
+
+VOID KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State)
+{
+    Event->Header.Type =
+        Type == SynchronizationEvent ? kEventSynchronizationObject : kEventNotificationObject;
+    Event->Header.Signalling = 0;
+    Event->Header.Size = kEventSize;
+    Event->Header.Reserved1 = 0;
+    Event->Header.SignalState = State ? 1 : 0;
+    new (&Event->Header.WaitListHead) sched::WaitList{};
+}
+
+LONG KeSetEvent(PRKEVENT Event, KPRIORITY, BOOLEAN)
+{
+    return set_state(Event, 1, "KeSetEvent", "KeSetEvent");
+}
+
+VOID KeClearEvent(PRKEVENT Event) { set_state(Event, 0, "KeClearEvent", "KeClearEvent"); }
+
+LONG KeResetEvent(PRKEVENT Event) { return set_state(Event, 0, "KeResetEvent", "KeResetEvent"); }
+
+LONG KeReadStateEvent(PRKEVENT Event)
+{
+    check_header(&Event->Header, "KeReadStateEvent");
+    sched::StateLock lock(sched::current());
+    return Event->Header.SignalState;
+}
+
+NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON, KPROCESSOR_MODE, BOOLEAN,
+                               PLARGE_INTEGER Timeout)
+{
+    auto* header = static_cast<DISPATCHER_HEADER*>(Object);
+    check_header(header, "KeWaitForSingleObject");
+    check_wait_irql("KeWaitForSingleObject", Timeout);
+    auto& s = sched::current();
+    const char* what = header->Type == kThreadObject ? "thread object" : "event";
+    if (Timeout != nullptr && Timeout->QuadPart == 0) {
+        bool taken;
+        {
+            sched::StateLock lock(s);
+            taken = try_take(header);
+        }
+        s.point(what);
+        return taken ? STATUS_SUCCESS : STATUS_TIMEOUT;
+    }
+    sched::Nanos deadline = deadline_of(s, Timeout);
+    sched::StateLock lock(s);
+    auto result = s.wait(waiters(*header), what, deadline, [header] { return try_take(header); });
+    return result == sched::WaitResult::Ready ? STATUS_SUCCESS : STATUS_TIMEOUT;
+}
+
+NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER Interval)
+{
+    check_wait_irql("KeDelayExecutionThread", Interval);
+    auto& s = sched::current();
+    if (Interval->QuadPart == 0) {
+        s.point("KeDelayExecutionThread");
+    } else {
+        s.sleep_until(deadline_of(s, Interval), "KeDelayExecutionThread");
+    }
+    return STATUS_SUCCESS;
+}
+
+ULONGLONG KeQueryInterruptTime(VOID)
+{
+    return static_cast<ULONGLONG>(sched::current().now() / 100);
+}
+
+VOID KeQuerySystemTime(PLARGE_INTEGER CurrentTime)
+{
+    CurrentTime->QuadPart = system_time(sched::current());
+}
+
+} // extern "C"

@@ -1,0 +1,85 @@
+// The host side of the kernel services: what tests, the framework and the PnP manager see
+// of the pool, the debug output, the interface registry and the calling thread's state.
+#pragma once
+
+#include <wdm.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace mvgps::kernel {
+
+// ---- The calling thread ------------------------------------------------------------------
+KIRQL current_irql();
+// Spin locks the calling thread holds right now.
+std::size_t spin_locks_held();
+
+// ---- Pool ----------------------------------------------------------------------------------
+struct TagStats {
+    ULONG tag = 0;
+    std::uint64_t live_blocks = 0;
+    std::uint64_t live_bytes = 0;
+    std::uint64_t allocations = 0; // successful, since the process started
+    std::uint64_t frees = 0;
+    std::uint64_t failures = 0; // injected allocation failures
+};
+// Per tag, ordered by tag value; tags never used do not appear.
+std::vector<TagStats> pool_stats();
+TagStats pool_stats(ULONG tag);
+
+struct LeakedBlock {
+    const void* address;
+    std::size_t size;
+    std::uint64_t serial; // allocation order across the whole pool
+};
+struct TagLeak {
+    ULONG tag;
+    std::size_t bytes;
+    std::vector<LeakedBlock> blocks; // oldest first
+};
+struct LeakReport {
+    std::vector<TagLeak> tags; // ordered by tag value
+    std::string text;          // one line per tag, then one per block; empty when clean
+    bool empty() const { return tags.empty(); }
+};
+// Blocks still allocated under the given tags (every tag when none is given).
+LeakReport leak_report(std::span<const ULONG> tags = {});
+
+// "'SHBS' (0x53424853)": a tag as pool viewers show it (bytes in memory order).
+std::string tag_text(ULONG tag);
+
+// Fault injection, as the verifier's low-resources simulation does it. A rule with tag 0
+// applies to every allocation; otherwise only to allocations with that tag.
+struct PoolFault {
+    enum class Kind { Nth, Every, Random };
+    Kind kind;
+    ULONG tag = 0;
+    std::uint64_t n = 0;      // Nth: fail the n-th matching allocation (1 = the next one)
+    std::uint64_t seed = 0;   // Random: the rule's own generator, so a run replays
+    double probability = 0.0; // Random: chance that a matching allocation fails
+};
+PoolFault fail_nth(std::uint64_t n, ULONG tag = 0);
+PoolFault fail_every(ULONG tag);
+PoolFault fail_random(std::uint64_t seed, double probability, ULONG tag = 0);
+void add_pool_fault(const PoolFault& rule);
+void clear_pool_faults();
+
+// ---- Debug output --------------------------------------------------------------------------
+// Everything DbgPrint and DbgPrintEx produced since the last clear (the most recent few
+// megabytes). Also written to stderr when MVGPS_DEBUG=1.
+std::string debug_output();
+void clear_debug_output();
+
+// ---- Device interfaces ---------------------------------------------------------------------
+// Symbolic links registered under an interface class, in registration order; this is what
+// IoGetDeviceInterfaces returns. Registering a link twice keeps one entry.
+void register_interface(const GUID& interface_class, std::u16string_view link);
+// Returns false when the link was not registered.
+bool unregister_interface(const GUID& interface_class, std::u16string_view link);
+std::vector<std::u16string> interfaces(const GUID& interface_class);
+
+} // namespace mvgps::kernel
