@@ -154,7 +154,10 @@ inline bool IsEqualGUID(REFGUID a, REFGUID b)
 {
     return __builtin_memcmp(&a, &b, sizeof(GUID)) == 0;
 }
-inline bool operator==(REFGUID a, REFGUID b) { return IsEqualGUID(a, b); }
+inline bool operator==(REFGUID a, REFGUID b)
+{
+    return IsEqualGUID(a, b);
+}
 #endif
 
 // DEFINE_GUID declares the GUID; after <initguid.h> it also defines it.
@@ -456,13 +459,13 @@ static_assert(sizeof(KSPIN_LOCK) == 8, "KSPIN_LOCK keeps its x64 size");
 
 typedef LONG KPRIORITY;
 typedef struct _KTHREAD *PKTHREAD, *PRKTHREAD;
-typedef struct _ETHREAD *PETHREAD;
-typedef struct _EPROCESS *PEPROCESS;
-typedef struct _DEVICE_OBJECT *PDEVICE_OBJECT;
-typedef struct _DRIVER_OBJECT *PDRIVER_OBJECT;
-typedef struct _FILE_OBJECT *PFILE_OBJECT;
-typedef struct _IRP *PIRP;
-typedef struct _OBJECT_TYPE *POBJECT_TYPE;
+typedef struct _ETHREAD* PETHREAD;
+typedef struct _EPROCESS* PEPROCESS;
+typedef struct _DEVICE_OBJECT* PDEVICE_OBJECT;
+typedef struct _DRIVER_OBJECT* PDRIVER_OBJECT;
+typedef struct _FILE_OBJECT* PFILE_OBJECT;
+typedef struct _IRP* PIRP;
+typedef struct _OBJECT_TYPE* POBJECT_TYPE;
 
 #define PAGED_CODE() mvgps_PagedCode(__FUNCTION__)
 
@@ -594,7 +597,6 @@ NTKERNELAPI NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG Desi
                                                 POBJECT_ATTRIBUTES ObjectAttributes,
                                                 HANDLE ProcessHandle, PCLIENT_ID ClientId,
                                                 PKSTART_ROUTINE StartRoutine, PVOID StartContext);
-NTKERNELAPI NTSTATUS NTAPI PsTerminateSystemThread(NTSTATUS ExitStatus);
 NTKERNELAPI NTSTATUS NTAPI ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK DesiredAccess,
                                                      POBJECT_TYPE ObjectType,
                                                      KPROCESSOR_MODE AccessMode, PVOID* Object,
@@ -615,8 +617,9 @@ NTSYSAPI LONG NTAPI RtlCompareUnicodeString(PCUNICODE_STRING String1, PCUNICODE_
                                             BOOLEAN CaseInSensitive);
 NTSYSAPI BOOLEAN NTAPI RtlEqualUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2,
                                              BOOLEAN CaseInSensitive);
-// Formats like the kernel's DbgPrint (which knows %I64x, %ws, %wZ, %S and %Z as well).
-ULONG __attribute__((format(printf, 1, 2))) DbgPrint(PCSTR Format, ...);
+// Formats like the kernel's DbgPrint: %I64x, %ws, %wZ, %S and %Z as well as the C formats,
+// with a 32-bit long. Not checked as printf, whose sizes and letters differ.
+ULONG DbgPrint(PCSTR Format, ...);
 ULONG DbgPrintEx(ULONG ComponentId, ULONG Level, PCSTR Format, ...);
 EXTERN_C_END
 

@@ -8,8 +8,10 @@
 #include <mutex>
 #include <string>
 
-namespace mvgps::kernel {
-namespace {
+namespace mvgps::kernel
+{
+namespace
+{
 
 // The kernel passes at most this much of one call to the debugger; the rest is lost.
 constexpr std::size_t kMaxPrint = 512;

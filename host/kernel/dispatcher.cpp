@@ -8,7 +8,8 @@
 
 #include "verifier/verifier.h"
 
-namespace mvgps::kernel::detail {
+namespace mvgps::kernel::detail
+{
 
 static_assert(sizeof(sched::WaitList) == sizeof(LIST_ENTRY) &&
                   alignof(sched::WaitList) <= alignof(LIST_ENTRY),
@@ -27,11 +28,12 @@ void signal_header(DISPATCHER_HEADER& header)
     s.wake(waiters(header));
 }
 
-namespace {
+namespace
+{
 
 // System time (100 ns units since 1601) at scheduler time zero in simulated runs: a fixed
 // date, so that a replay sees the same clock. Realtime runs read the real clock.
-constexpr LONGLONG kSimulatedEpoch = 133'515'072'000'000'000LL; // 2024-02-01 00:00 UTC
+constexpr LONGLONG kSimulatedEpoch = 133'512'192'000'000'000LL; // 2024-02-01 00:00 UTC
 constexpr LONGLONG kUnixEpochAsSystemTime = 116'444'736'000'000'000LL;
 
 LONGLONG system_time(sched::Scheduler& s)
@@ -54,8 +56,8 @@ sched::Nanos after(sched::Nanos now, ULONGLONG hundreds)
 
 void check_header(DISPATCHER_HEADER* header, const char* caller)
 {
-    bool event = header->Type == kEventNotificationObject ||
-                 header->Type == kEventSynchronizationObject;
+    bool event =
+        header->Type == kEventNotificationObject || header->Type == kEventSynchronizationObject;
     bool known = event || header->Type == kThreadObject;
     if (!known || header->Size == 0) {
         verifier::bugcheck(verifier::kDriverVerifierViolation,
@@ -82,8 +84,9 @@ void check_wait_irql(const char* caller, const LARGE_INTEGER* timeout)
     KIRQL irql = this_thread().irql;
     if (irql >= DISPATCH_LEVEL && (timeout == nullptr || timeout->QuadPart != 0)) {
         verifier::bugcheck(verifier::kDriverVerifierViolation,
-                           std::string(caller) + (timeout ? " with a timeout" : " without a timeout") +
-                               " at " + irql_name(irql),
+                           std::string(caller) +
+                               (timeout ? " with a timeout" : " without a timeout") + " at " +
+                               irql_name(irql),
                            irql, timeout ? static_cast<ULONG_PTR>(timeout->QuadPart) : 0);
     }
 }
@@ -144,9 +147,15 @@ LONG KeSetEvent(PRKEVENT Event, KPRIORITY, BOOLEAN)
     return set_state(Event, 1, "KeSetEvent", "KeSetEvent");
 }
 
-VOID KeClearEvent(PRKEVENT Event) { set_state(Event, 0, "KeClearEvent", "KeClearEvent"); }
+VOID KeClearEvent(PRKEVENT Event)
+{
+    set_state(Event, 0, "KeClearEvent", "KeClearEvent");
+}
 
-LONG KeResetEvent(PRKEVENT Event) { return set_state(Event, 0, "KeResetEvent", "KeResetEvent"); }
+LONG KeResetEvent(PRKEVENT Event)
+{
+    return set_state(Event, 0, "KeResetEvent", "KeResetEvent");
+}
 
 LONG KeReadStateEvent(PRKEVENT Event)
 {

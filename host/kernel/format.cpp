@@ -7,8 +7,10 @@
 #include <cstring>
 #include <type_traits>
 
-namespace mvgps::kernel::detail {
-namespace {
+namespace mvgps::kernel::detail
+{
+namespace
+{
 
 struct Args {
     va_list ap;
@@ -129,7 +131,10 @@ void put_integer(BoundedOut<Ch>& out, Spec spec, Ch conversion, Args& args)
     if (base == 8 && spec.alternate && zeros == 0 && (n == 0 || digits[n - 1] != '0')) {
         zeros = 1;
     }
-    const char* prefix = negative ? "-" : spec.plus && is_signed ? "+" : spec.space && is_signed ? " " : "";
+    const char* prefix = negative                  ? "-"
+                         : spec.plus && is_signed  ? "+"
+                         : spec.space && is_signed ? " "
+                                                   : "";
     if (base == 16 && spec.alternate && value != 0) {
         prefix = conversion == 'X' ? "0X" : "0x";
     }

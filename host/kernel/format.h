@@ -8,13 +8,15 @@
 #include <cstdarg>
 #include <cstddef>
 
-namespace mvgps::kernel::detail {
+namespace mvgps::kernel::detail
+{
 
 // Output into a caller's buffer that keeps the first `capacity` characters and remembers
 // whether more were offered. It never writes a terminator: callers decide where it goes.
 template <class Ch>
-class BoundedOut {
-public:
+class BoundedOut
+{
+  public:
     BoundedOut(Ch* dest, std::size_t capacity) : dest_(dest), capacity_(capacity) {}
     void put(Ch c)
     {
@@ -27,7 +29,7 @@ public:
     std::size_t length() const { return length_; }
     bool overflow() const { return overflow_; }
 
-private:
+  private:
     Ch* dest_;
     std::size_t capacity_;
     std::size_t length_ = 0;

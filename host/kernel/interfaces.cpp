@@ -6,8 +6,10 @@
 #include <map>
 #include <mutex>
 
-namespace mvgps::kernel {
-namespace {
+namespace mvgps::kernel
+{
+namespace
+{
 
 // Pool tag of the lists IoGetDeviceInterfaces hands out ("IoDI" in memory).
 constexpr ULONG kListTag = 0x49446F49;

@@ -8,7 +8,8 @@
 
 #include "sched/sched.h"
 
-namespace mvgps::kernel::detail {
+namespace mvgps::kernel::detail
+{
 
 struct KernelThread;
 

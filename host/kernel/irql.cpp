@@ -7,8 +7,10 @@
 
 #include "verifier/verifier.h"
 
-namespace mvgps::kernel {
-namespace detail {
+namespace mvgps::kernel
+{
+namespace detail
+{
 
 ThreadState& this_thread()
 {
@@ -62,9 +64,15 @@ void lower_irql(KIRQL level, const char* caller)
 
 } // namespace detail
 
-KIRQL current_irql() { return detail::this_thread().irql; }
+KIRQL current_irql()
+{
+    return detail::this_thread().irql;
+}
 
-std::size_t spin_locks_held() { return detail::this_thread().held.size(); }
+std::size_t spin_locks_held()
+{
+    return detail::this_thread().held.size();
+}
 
 } // namespace mvgps::kernel
 
@@ -73,7 +81,10 @@ using namespace mvgps::kernel::detail;
 
 extern "C" {
 
-KIRQL KeGetCurrentIrql(VOID) { return this_thread().irql; }
+KIRQL KeGetCurrentIrql(VOID)
+{
+    return this_thread().irql;
+}
 
 VOID KeRaiseIrql(KIRQL NewIrql, PKIRQL OldIrql)
 {
@@ -81,7 +92,10 @@ VOID KeRaiseIrql(KIRQL NewIrql, PKIRQL OldIrql)
     raise_irql(NewIrql, "KeRaiseIrql");
 }
 
-VOID KeLowerIrql(KIRQL NewIrql) { lower_irql(NewIrql, "KeLowerIrql"); }
+VOID KeLowerIrql(KIRQL NewIrql)
+{
+    lower_irql(NewIrql, "KeLowerIrql");
+}
 
 KIRQL KeRaiseIrqlToDpcLevel(VOID)
 {
@@ -95,8 +109,7 @@ VOID mvgps_PagedCode(PCSTR Function)
     KIRQL irql = this_thread().irql;
     if (irql > APC_LEVEL) {
         verifier::bugcheck(verifier::kDriverIrqlNotLessOrEqual,
-                           std::string("pageable code ") + Function + " runs at " +
-                               irql_name(irql),
+                           std::string("pageable code ") + Function + " runs at " + irql_name(irql),
                            irql);
     }
 }

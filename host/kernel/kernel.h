@@ -11,7 +11,8 @@
 #include <string_view>
 #include <vector>
 
-namespace mvgps::kernel {
+namespace mvgps::kernel
+{
 
 // ---- The calling thread ------------------------------------------------------------------
 KIRQL current_irql();

@@ -19,8 +19,10 @@
 
 #include "verifier/verifier.h"
 
-namespace mvgps::kernel {
-namespace {
+namespace mvgps::kernel
+{
+namespace
+{
 
 struct Header {
     std::uint64_t cookie; // kCookie ^ address of the block: catches an underrun
@@ -283,9 +285,15 @@ LeakReport leak_report(std::span<const ULONG> tags)
     return report;
 }
 
-PoolFault fail_nth(std::uint64_t n, ULONG tag) { return {PoolFault::Kind::Nth, tag, n, 0, 0.0}; }
+PoolFault fail_nth(std::uint64_t n, ULONG tag)
+{
+    return {PoolFault::Kind::Nth, tag, n, 0, 0.0};
+}
 
-PoolFault fail_every(ULONG tag) { return {PoolFault::Kind::Every, tag, 0, 0, 0.0}; }
+PoolFault fail_every(ULONG tag)
+{
+    return {PoolFault::Kind::Every, tag, 0, 0, 0.0};
+}
 
 PoolFault fail_random(std::uint64_t seed, double probability, ULONG tag)
 {
@@ -327,8 +335,14 @@ PVOID ExAllocatePool2(POOL_FLAGS Flags, SIZE_T NumberOfBytes, ULONG Tag)
                     (Flags & POOL_FLAG_UNINITIALIZED) == 0);
 }
 
-VOID ExFreePoolWithTag(PVOID P, ULONG Tag) { release("ExFreePoolWithTag", P, Tag); }
+VOID ExFreePoolWithTag(PVOID P, ULONG Tag)
+{
+    release("ExFreePoolWithTag", P, Tag);
+}
 
-VOID ExFreePool(PVOID P) { release("ExFreePool", P, 0); }
+VOID ExFreePool(PVOID P)
+{
+    release("ExFreePool", P, 0);
+}
 
 } // extern "C"

@@ -3,14 +3,18 @@
 
 #include <algorithm>
 
-namespace {
+namespace
+{
 
 // Longest counted string: USHORT byte counts, room for the terminator.
 constexpr USHORT kMaxUnicodeBytes = 0xFFFC;
 constexpr USHORT kMaxAnsiBytes = 0xFFFE;
 
 // Paths and names the driver compares are ASCII; other letters compare exactly.
-WCHAR upcase(WCHAR c) { return (c >= u'a' && c <= u'z') ? static_cast<WCHAR>(c - 0x20) : c; }
+WCHAR upcase(WCHAR c)
+{
+    return (c >= u'a' && c <= u'z') ? static_cast<WCHAR>(c - 0x20) : c;
+}
 
 } // namespace
 

@@ -10,8 +10,10 @@
 
 #include "verifier/verifier.h"
 
-namespace mvgps::kernel::detail {
-namespace {
+namespace mvgps::kernel::detail
+{
+namespace
+{
 
 // Waiters of all spin locks, spread over a few lists by lock address. A release wakes the
 // list of its lock; waiters for another lock on the same list look again and sleep on.
@@ -22,7 +24,10 @@ sched::WaitList& waiters_of(const KSPIN_LOCK* lock)
     return g_spin_waiters[(reinterpret_cast<ULONG_PTR>(lock) >> 3) % g_spin_waiters.size()];
 }
 
-ULONG_PTR owner_of(const KSPIN_LOCK* lock) { return __atomic_load_n(lock, __ATOMIC_ACQUIRE); }
+ULONG_PTR owner_of(const KSPIN_LOCK* lock)
+{
+    return __atomic_load_n(lock, __ATOMIC_ACQUIRE);
+}
 
 std::string lock_text(const char* what, const KSPIN_LOCK* lock)
 {
@@ -91,7 +96,10 @@ using namespace mvgps::kernel::detail;
 
 extern "C" {
 
-VOID KeInitializeSpinLock(PKSPIN_LOCK SpinLock) { __atomic_store_n(SpinLock, 0, __ATOMIC_RELEASE); }
+VOID KeInitializeSpinLock(PKSPIN_LOCK SpinLock)
+{
+    __atomic_store_n(SpinLock, 0, __ATOMIC_RELEASE);
+}
 
 KIRQL KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock)
 {

@@ -4,8 +4,10 @@
 
 #include "kernel/format.h"
 
-namespace mvgps::kernel::detail {
-namespace {
+namespace mvgps::kernel::detail
+{
+namespace
+{
 
 // A destination the routines may write: a bad size gets STATUS_INVALID_PARAMETER, and an
 // over-large one still gets an empty string, as the real routines leave it.

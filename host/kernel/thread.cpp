@@ -15,7 +15,8 @@
 
 #include "verifier/verifier.h"
 
-namespace mvgps::kernel::detail {
+namespace mvgps::kernel::detail
+{
 
 struct KernelThread {
     DISPATCHER_HEADER header{}; // what the driver waits on; first, as in the real record
@@ -24,7 +25,8 @@ struct KernelThread {
     KPRIORITY priority = 8;
 };
 
-namespace {
+namespace
+{
 
 constexpr ULONG_PTR kFirstHandle = 0xFFFFFFFF80000004ULL; // kernel handles have the top bit
 constexpr KPRIORITY kDefaultPriority = 8;
@@ -97,9 +99,9 @@ std::string routine_name(PKSTART_ROUTINE routine)
     std::string image = info.dli_fname ? info.dli_fname : "";
     image = image.substr(image.find_last_of('/') + 1);
     char text[32];
-    std::snprintf(text, sizeof text, "+0x%llx",
-                  static_cast<unsigned long long>(address -
-                                                  reinterpret_cast<ULONG_PTR>(info.dli_fbase)));
+    std::snprintf(
+        text, sizeof text, "+0x%llx",
+        static_cast<unsigned long long>(address - reinterpret_cast<ULONG_PTR>(info.dli_fbase)));
     return image + text;
 }
 
@@ -206,7 +208,8 @@ NTSTATUS ZwClose(HANDLE Handle)
         std::lock_guard lock(o.mutex);
         auto it = o.handles.find(reinterpret_cast<ULONG_PTR>(Handle));
         if (it == o.handles.end()) {
-            verifier::bugcheck(verifier::kInvalidKernelHandle, "ZwClose of a handle that is not open",
+            verifier::bugcheck(verifier::kInvalidKernelHandle,
+                               "ZwClose of a handle that is not open",
                                reinterpret_cast<ULONG_PTR>(Handle));
         }
         thread = it->second;

@@ -10,8 +10,10 @@
 
 #include "sched/sched.h"
 
-namespace mvgps::verifier {
-namespace {
+namespace mvgps::verifier
+{
+namespace
+{
 
 struct StopName {
     std::uint32_t code;
@@ -58,8 +60,9 @@ std::string report(std::uint32_t code, std::string_view rule, std::uint64_t p1, 
                    std::uint64_t p3, std::uint64_t p4)
 {
     std::string out = "\n*** STOP: ";
-    append(out, "0x%08" PRIX32 " (0x%016" PRIX64 ", 0x%016" PRIX64 ", 0x%016" PRIX64
-                ", 0x%016" PRIX64 ")\n",
+    append(out,
+           "0x%08" PRIX32 " (0x%016" PRIX64 ", 0x%016" PRIX64 ", 0x%016" PRIX64 ", 0x%016" PRIX64
+           ")\n",
            code, p1, p2, p3, p4);
     out += "*** ";
     out += stop_name(code);

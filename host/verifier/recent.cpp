@@ -7,8 +7,10 @@
 
 #include "sched/sched.h"
 
-namespace mvgps::verifier {
-namespace {
+namespace mvgps::verifier
+{
+namespace
+{
 
 struct Ring {
     std::mutex mutex;

@@ -7,7 +7,8 @@
 #include <string_view>
 #include <vector>
 
-namespace mvgps::verifier {
+namespace mvgps::verifier
+{
 
 // Stop codes, with the values and names the real system uses for the same faults.
 inline constexpr std::uint32_t kIrqlNotGreaterOrEqual = 0x09;
