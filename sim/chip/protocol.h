@@ -1,0 +1,107 @@
+// The chip's command set: what each command does to the chip's state and what its
+// acknowledgement carries. No time and no line here; the chip (chip.h) decides when answers
+// leave and what faults do to them.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "sim/chip/frame.h"
+#include "sim/chip/memory.h"
+
+namespace mvgps::sim::chip {
+
+// Multi-byte values inside payloads (addresses, counts, err_status) follow one byte order,
+// fixed by the chip's configuration. The driver sends little-endian values from its first
+// command on, so that is the default; a big-endian chip shows what an unswitched driver sends.
+enum class ByteOrder { Little, Big };
+
+// err_status values of the acknowledgement. Only 0 means the command was carried out.
+inline constexpr std::uint32_t kAccepted = 0;
+inline constexpr std::uint32_t kUnknownCommand = 1;
+inline constexpr std::uint32_t kBadLength = 2;
+inline constexpr std::uint32_t kBadArgument = 3;
+
+// Command identifiers.
+inline constexpr std::uint8_t kPidMemRead = 0x04;
+inline constexpr std::uint8_t kPidMemWrite = 0x05;
+inline constexpr std::uint8_t kPidAgps = 0x06;
+inline constexpr std::uint8_t kPidRf = 0x10;
+inline constexpr std::uint8_t kPidBaud = 0x16;
+inline constexpr std::uint8_t kPidReceiver = 0x20; // sids below
+inline constexpr std::uint8_t kSidWarmStart = 2;
+inline constexpr std::uint8_t kSidColdStart = 6;
+inline constexpr std::uint8_t kSidSleep = 8;
+inline constexpr std::uint8_t kPidOption = 0x22;
+inline constexpr std::uint8_t kSidOption = 5;
+inline constexpr std::uint8_t kPidGeofence = 0x30;
+inline constexpr std::uint8_t kPidNmea = 0xFF; // sid 2 off, 3 and 4 on
+// Frames the chip sends on its own.
+inline constexpr std::uint8_t kPidNmeaData = 0x31; // one sentence per frame, sid 0
+inline constexpr std::uint8_t kPidStatus = 50;     // sid 0, a 4-byte sequence number
+
+// The longest memory read one acknowledgement can carry.
+inline constexpr std::size_t kMaxRead = kMaxPayload - 4;
+
+struct AgpsBlock {
+    std::uint8_t sid = 0;
+    std::vector<std::uint8_t> data;
+    bool operator==(const AgpsBlock&) const = default;
+};
+
+// What the chip has been told, for tests to inspect.
+struct ChipState {
+    bool nmea_on = true;
+    bool asleep = false;
+    std::optional<std::uint8_t> option;
+    std::map<std::uint8_t, std::uint32_t> rf_registers; // register -> 24-bit value
+    std::vector<AgpsBlock> agps;
+    std::vector<Frame> geofence; // the geofence commands, as received
+    int cold_starts = 0;
+    int warm_starts = 0;
+};
+
+struct Outcome {
+    std::uint32_t err_status = kAccepted;
+    std::vector<std::uint8_t> data; // follows err_status in the acknowledgement
+    std::optional<std::uint32_t> new_rate;
+    bool sleep = false;
+    bool restart_playback = false;
+};
+
+class Protocol {
+public:
+    Protocol(ByteOrder order, std::vector<std::uint32_t> rates, std::uint8_t geofence_status);
+
+    Outcome execute(const Frame& command);
+    Frame acknowledgement(const Frame& command, const Outcome& o) const;
+
+    std::uint32_t get_u32(const std::uint8_t* p) const;
+    void put_u32(std::vector<std::uint8_t>& out, std::uint32_t v) const;
+
+    ChipState& state() { return state_; }
+    const ChipState& state() const { return state_; }
+    ChipMemory& memory() { return memory_; }
+    const ChipMemory& memory() const { return memory_; }
+    void set_geofence_status(std::uint8_t s) { geofence_status_ = s; }
+    // Back to power-on defaults; memory contents are lost, read-only ranges stay.
+    void reset();
+
+private:
+    Outcome read_memory(const Frame& f);
+    Outcome write_memory(const Frame& f);
+    Outcome agps(const Frame& f);
+    Outcome receiver(const Frame& f);
+    Outcome geofence(const Frame& f);
+    std::uint16_t get_u16(const std::uint8_t* p) const;
+
+    ByteOrder order_;
+    std::vector<std::uint32_t> rates_;
+    std::uint8_t geofence_status_;
+    ChipState state_;
+    ChipMemory memory_;
+};
+
+} // namespace mvgps::sim::chip
