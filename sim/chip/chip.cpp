@@ -4,7 +4,8 @@
 #include <cinttypes>
 #include <cstdio>
 
-namespace mvgps::sim::chip {
+namespace mvgps::sim::chip
+{
 
 using sched::Nanos;
 
@@ -222,13 +223,16 @@ void Chip::emit(Burst b, Nanos now)
 {
     Nanos done = now;
     if (!b.bytes.empty()) {
-        std::size_t cut = b.bytes.size();
-        const auto pause = b.bytes.size() > 1 ? faults_.take_split() : std::nullopt;
+        const auto pause = b.bytes.size() > 1 ? faults_.take_split(b.kind) : std::nullopt;
         if (pause) {
-            cut = static_cast<std::size_t>(
+            // The line goes quiet in the middle of the burst; nothing else gets in between.
+            const auto cut = static_cast<std::size_t>(
                 random_.between(1, static_cast<std::int64_t>(b.bytes.size()) - 1));
+            line_.send(std::span(b.bytes).first(cut));
+            done = line_.send_after(*pause, std::span(b.bytes).subspan(cut));
+        } else {
+            done = line_.send(b.bytes);
         }
-        done = line_.send(std::span(b.bytes).first(cut));
         tx_done_ = std::max(tx_done_, done);
         for (auto& f : b.frames) {
             f.time = now;
@@ -246,14 +250,6 @@ void Chip::emit(Burst b, Nanos now)
         default:
             stats_.answers_sent += n;
             break;
-        }
-        b.frames.clear();
-        b.bytes.erase(b.bytes.begin(), b.bytes.begin() + static_cast<std::ptrdiff_t>(cut));
-        if (pause) {
-            // The rest of the burst, and whatever was to follow it, comes after the pause.
-            b.at = done + *pause;
-            schedule(std::move(b));
-            return;
         }
     }
     if (!b.switch_rate && !b.sleep_after) {
@@ -347,8 +343,7 @@ void Chip::boot(Nanos now)
     status_seq_ = 0;
     booting_until_ = now + config_.boot_time;
     next_status_ = booting_until_;
-    next_epoch_ =
-        booting_until_ + (config_.capture ? config_.capture->period() : sched::kSecond);
+    next_epoch_ = booting_until_ + (config_.capture ? config_.capture->period() : sched::kSecond);
 }
 
 void Chip::inject(const Fault& f)

@@ -31,7 +31,8 @@
 #include "sim/support/line.h"
 #include "sim/support/random.h"
 
-namespace mvgps::sim::chip {
+namespace mvgps::sim::chip
+{
 
 struct ChipConfig {
     std::uint32_t rate = 921600; // at power-on and after a reset
@@ -74,8 +75,9 @@ struct TraceEntry {
     std::string text() const;
 };
 
-class Chip final : public LineReceiver {
-public:
+class Chip final : public LineReceiver
+{
+  public:
     Chip(Line& line, ChipConfig config);
     ~Chip();
     Chip(const Chip&) = delete;
@@ -97,7 +99,7 @@ public:
 
     void on_bytes(std::span<const std::uint8_t> bytes, sched::Nanos arrival) override;
 
-private:
+  private:
     // A run of bytes due at `at`, then what happens once it has left.
     struct Burst {
         sched::Nanos at = 0;

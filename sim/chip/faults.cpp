@@ -1,8 +1,10 @@
 #include "sim/chip/faults.h"
 
-namespace mvgps::sim::chip {
+namespace mvgps::sim::chip
+{
 
-namespace {
+namespace
+{
 
 Fault make(FaultKind kind, int count)
 {
@@ -20,7 +22,7 @@ Fault command(FaultKind kind, int count, int pid, int sid)
     return f;
 }
 
-Fault output(FaultKind kind, int count, Output which, std::size_t bytes = 0)
+Fault output_fault(FaultKind kind, int count, Output which, std::size_t bytes = 0)
 {
     Fault f = make(kind, count);
     f.output = which;
@@ -62,27 +64,27 @@ Fault Fault::duplicate_ack(int count, int pid, int sid)
 
 Fault Fault::corrupt_crc(int count, Output which)
 {
-    return output(FaultKind::CorruptCrc, count, which);
+    return output_fault(FaultKind::CorruptCrc, count, which);
 }
 
 Fault Fault::corrupt_tail(int count, Output which)
 {
-    return output(FaultKind::CorruptTail, count, which);
+    return output_fault(FaultKind::CorruptTail, count, which);
 }
 
 Fault Fault::garbage(int count, std::size_t bytes, Output which)
 {
-    return output(FaultKind::Garbage, count, which, bytes);
+    return output_fault(FaultKind::Garbage, count, which, bytes);
 }
 
 Fault Fault::padding(int count, std::size_t bytes, Output which)
 {
-    return output(FaultKind::Padding, count, which, bytes);
+    return output_fault(FaultKind::Padding, count, which, bytes);
 }
 
-Fault Fault::split_burst(int count, sched::Nanos pause)
+Fault Fault::split_burst(int count, sched::Nanos pause, Output which)
 {
-    Fault f = make(FaultKind::SplitBurst, count);
+    Fault f = output_fault(FaultKind::SplitBurst, count, which);
     f.delay = pause;
     return f;
 }
@@ -94,7 +96,10 @@ Fault Fault::silence(sched::Nanos duration)
     return f;
 }
 
-Fault Fault::reset() { return make(FaultKind::Reset, 1); }
+Fault Fault::reset()
+{
+    return make(FaultKind::Reset, 1);
+}
 
 Fault Fault::rate_mismatch(std::uint32_t rate)
 {
@@ -131,8 +136,8 @@ FrameDamage FaultScript::take_frame(Output kind)
         const Fault f = armed_[i];
         const bool hits = f.output == Output::Any || f.output == kind;
         const bool frame_fault = f.kind == FaultKind::CorruptCrc ||
-                                 f.kind == FaultKind::CorruptTail ||
-                                 f.kind == FaultKind::Garbage || f.kind == FaultKind::Padding;
+                                 f.kind == FaultKind::CorruptTail || f.kind == FaultKind::Garbage ||
+                                 f.kind == FaultKind::Padding;
         if (!hits || !frame_fault) {
             ++i;
             continue;
@@ -160,10 +165,11 @@ FrameDamage FaultScript::take_frame(Output kind)
     return d;
 }
 
-std::optional<sched::Nanos> FaultScript::take_split()
+std::optional<sched::Nanos> FaultScript::take_split(Output kind)
 {
     for (std::size_t i = 0; i < armed_.size(); ++i) {
-        if (armed_[i].kind == FaultKind::SplitBurst) {
+        const Fault& f = armed_[i];
+        if (f.kind == FaultKind::SplitBurst && (f.output == Output::Any || f.output == kind)) {
             return consume(i)->delay;
         }
     }

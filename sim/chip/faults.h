@@ -3,7 +3,7 @@
 // Command faults (no acknowledgement, rejection, late or duplicate acknowledgement) apply to
 // the next `count` commands that match the pid/sid filter, in the order they were armed.
 // Output faults (corrupt CRC or tail, garbage or 0xFF padding before a frame) apply to the
-// next `count` frames of the selected kind; burst splits to the next `count` bursts.
+// next `count` frames of the selected kind; burst splits to the next `count` bursts of it.
 // Silence, reset and rate mismatch happen when they are injected.
 #pragma once
 
@@ -14,7 +14,8 @@
 
 #include "sched/sched.h"
 
-namespace mvgps::sim::chip {
+namespace mvgps::sim::chip
+{
 
 enum class FaultKind {
     NoAck,        // the command is lost: neither carried out nor answered
@@ -52,7 +53,7 @@ struct Fault {
     static Fault corrupt_tail(int count, Output which = Output::Any);
     static Fault garbage(int count, std::size_t bytes, Output which = Output::Any);
     static Fault padding(int count, std::size_t bytes, Output which = Output::Any);
-    static Fault split_burst(int count, sched::Nanos pause);
+    static Fault split_burst(int count, sched::Nanos pause, Output which = Output::Any);
     static Fault silence(sched::Nanos duration);
     static Fault reset();
     static Fault rate_mismatch(std::uint32_t rate);
@@ -66,17 +67,18 @@ struct FrameDamage {
     std::size_t padding = 0;
 };
 
-class FaultScript {
-public:
+class FaultScript
+{
+  public:
     void arm(const Fault& f) { armed_.push_back(f); }
     void clear() { armed_.clear(); }
     // The first armed command fault matching pid/sid, with one use consumed.
     std::optional<Fault> take_command(std::uint8_t pid, std::uint8_t sid);
     FrameDamage take_frame(Output kind);
-    // The pause of an armed burst split, with one use consumed.
-    std::optional<sched::Nanos> take_split();
+    // The pause of an armed split of this kind of burst, with one use consumed.
+    std::optional<sched::Nanos> take_split(Output kind);
 
-private:
+  private:
     std::optional<Fault> consume(std::size_t i);
 
     std::vector<Fault> armed_;

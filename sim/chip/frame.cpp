@@ -2,7 +2,8 @@
 
 #include <cstdio>
 
-namespace mvgps::sim::chip {
+namespace mvgps::sim::chip
+{
 
 std::uint16_t crc16(std::span<const std::uint8_t> bytes)
 {
@@ -41,7 +42,10 @@ std::vector<std::uint8_t> encode(const Frame& f)
     return out;
 }
 
-bool valid_ids(std::uint8_t pid, std::uint8_t sid) { return (pid <= 50 || pid == 255) && sid <= 14; }
+bool valid_ids(std::uint8_t pid, std::uint8_t sid)
+{
+    return (pid <= 50 || pid == 255) && sid <= 14;
+}
 
 std::string describe(const Frame& f)
 {

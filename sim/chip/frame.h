@@ -14,7 +14,8 @@
 #include <string>
 #include <vector>
 
-namespace mvgps::sim::chip {
+namespace mvgps::sim::chip
+{
 
 inline constexpr std::uint8_t kSync = 0xA5;
 inline constexpr std::uint8_t kPad = 0xFF;
@@ -43,8 +44,9 @@ std::string describe(const Frame& f);
 // counted apart from other garbage). A candidate that turns out not to be a frame (a bad
 // header, tail or CRC) costs only its sync byte: scanning resumes at the next byte, so a
 // stray 0xA5 cannot hide a real frame behind it.
-class FrameParser {
-public:
+class FrameParser
+{
+  public:
     struct Counters {
         std::uint64_t frames = 0;
         std::uint64_t padding = 0;
@@ -65,7 +67,7 @@ public:
     bool partial() const { return !buf_.empty(); }
     const Counters& counters() const { return counters_; }
 
-private:
+  private:
     void scan(const Sink& sink);
 
     std::vector<std::uint8_t> buf_;

@@ -1,8 +1,10 @@
 #include "sim/chip/memory.h"
 
-namespace mvgps::sim::chip {
+namespace mvgps::sim::chip
+{
 
-namespace {
+namespace
+{
 
 bool fits(std::uint32_t address, std::size_t count)
 {

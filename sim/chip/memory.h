@@ -10,10 +10,12 @@
 #include <utility>
 #include <vector>
 
-namespace mvgps::sim::chip {
+namespace mvgps::sim::chip
+{
 
-class ChipMemory {
-public:
+class ChipMemory
+{
+  public:
     // False (and nothing written) when the range wraps past the top of the address space.
     bool write(std::uint32_t address, std::span<const std::uint8_t> bytes);
     // Empty when the range wraps past the top of the address space.
@@ -23,7 +25,7 @@ public:
     // Forgets every value; read-only ranges are part of the chip and stay.
     void clear();
 
-private:
+  private:
     static constexpr std::uint32_t kPageBits = 12;
     using Page = std::array<std::uint8_t, 1u << kPageBits>;
 

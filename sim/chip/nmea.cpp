@@ -5,9 +5,11 @@
 #include <fstream>
 #include <sstream>
 
-namespace mvgps::sim::chip {
+namespace mvgps::sim::chip
+{
 
-namespace {
+namespace
+{
 
 constexpr long kDay = 86'400'000;
 
@@ -24,7 +26,10 @@ std::string_view sentence_type(std::string_view s)
     return s.substr(comma - 3, 3);
 }
 
-bool timed_type(std::string_view type) { return type == "GGA" || type == "RMC"; }
+bool timed_type(std::string_view type)
+{
+    return type == "GGA" || type == "RMC";
+}
 
 std::optional<long> parse_time(std::string_view t)
 {
@@ -87,9 +92,8 @@ std::optional<long> sentence_time(std::string_view sentence)
     }
     const auto first = sentence.find(',');
     const auto second = sentence.find_first_of(",*", first + 1);
-    return parse_time(sentence.substr(first + 1, second == std::string_view::npos
-                                                      ? std::string_view::npos
-                                                      : second - first - 1));
+    return parse_time(sentence.substr(
+        first + 1, second == std::string_view::npos ? std::string_view::npos : second - first - 1));
 }
 
 Capture Capture::parse(std::string_view text)

@@ -15,14 +15,16 @@
 
 #include "sched/sched.h"
 
-namespace mvgps::sim::chip {
+namespace mvgps::sim::chip
+{
 
 struct Epoch {
     std::vector<std::string> sentences;
 };
 
-class Capture {
-public:
+class Capture
+{
+  public:
     static Capture parse(std::string_view text);
     // Empty when the file cannot be read or holds no sentence.
     static std::optional<Capture> load(const std::string& path);
@@ -31,7 +33,7 @@ public:
     sched::Nanos period() const { return period_; }
     std::size_t sentence_count() const;
 
-private:
+  private:
     std::vector<Epoch> epochs_;
     sched::Nanos period_ = sched::kSecond;
 };

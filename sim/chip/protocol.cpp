@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <array>
 
-namespace mvgps::sim::chip {
+namespace mvgps::sim::chip
+{
 
-namespace {
+namespace
+{
 
 Outcome refuse(std::uint32_t err)
 {
@@ -14,7 +16,10 @@ Outcome refuse(std::uint32_t err)
     return o;
 }
 
-Outcome accept() { return Outcome{}; }
+Outcome accept()
+{
+    return Outcome{};
+}
 
 // Payload sizes of the assisted-GPS blocks, by sid.
 constexpr std::array<std::size_t, 7> kAgpsSize = {28, 48, 24, 24, 28, 36, 36};
@@ -39,8 +44,7 @@ bool write_width_ok(std::uint8_t sid, std::uint32_t address, std::size_t n)
 
 } // namespace
 
-Protocol::Protocol(ByteOrder order, std::vector<std::uint32_t> rates,
-                   std::uint8_t geofence_status)
+Protocol::Protocol(ByteOrder order, std::vector<std::uint32_t> rates, std::uint8_t geofence_status)
     : order_(order), rates_(std::move(rates)), geofence_status_(geofence_status)
 {
 }

@@ -11,7 +11,8 @@
 #include "sim/chip/frame.h"
 #include "sim/chip/memory.h"
 
-namespace mvgps::sim::chip {
+namespace mvgps::sim::chip
+{
 
 // Multi-byte values inside payloads (addresses, counts, err_status) follow one byte order,
 // fixed by the chip's configuration. The driver sends little-endian values from its first
@@ -71,8 +72,9 @@ struct Outcome {
     bool restart_playback = false;
 };
 
-class Protocol {
-public:
+class Protocol
+{
+  public:
     Protocol(ByteOrder order, std::vector<std::uint32_t> rates, std::uint8_t geofence_status);
 
     Outcome execute(const Frame& command);
@@ -89,7 +91,7 @@ public:
     // Back to power-on defaults; memory contents are lost, read-only ranges stay.
     void reset();
 
-private:
+  private:
     Outcome read_memory(const Frame& f);
     Outcome write_memory(const Frame& f);
     Outcome agps(const Frame& f);

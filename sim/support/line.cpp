@@ -1,16 +1,18 @@
 #include "sim/support/line.h"
 
-namespace mvgps::sim {
+namespace mvgps::sim
+{
 
 std::span<const std::uint32_t> standard_rates()
 {
-    static constexpr std::uint32_t kRates[] = {110,    300,    600,    1200,   2400,   4800,
-                                               9600,   14400,  19200,  38400,  57600,  115200,
+    static constexpr std::uint32_t kRates[] = {110,    300,    600,    1200,   2400,  4800,
+                                               9600,   14400,  19200,  38400,  57600, 115200,
                                                128000, 230400, 256000, 460800, 921600};
     return kRates;
 }
 
-namespace {
+namespace
+{
 
 // Counted in half bits so that one and a half stop bits stay exact.
 std::int64_t half_bits(const LineSettings& s)
@@ -39,7 +41,8 @@ std::size_t chars_in(const LineSettings& s, sched::Nanos elapsed)
     const std::int64_t hb = half_bits(s);
     const std::int64_t secs = elapsed / sched::kSecond;
     const std::int64_t rest = elapsed % sched::kSecond;
-    auto n = static_cast<std::size_t>((secs * per_second + rest * per_second / sched::kSecond) / hb);
+    auto n =
+        static_cast<std::size_t>((secs * per_second + rest * per_second / sched::kSecond) / hb);
     while (line_time(s, n + 1) <= elapsed) {
         ++n;
     }

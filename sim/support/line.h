@@ -11,7 +11,8 @@
 
 #include "sched/sched.h"
 
-namespace mvgps::sim {
+namespace mvgps::sim
+{
 
 // Character format, with the encodings of the serial control records: parity 0 none, 1 odd,
 // 2 even, 3 mark, 4 space; stop bits 0 one, 1 one and a half, 2 two.
@@ -36,17 +37,19 @@ sched::Nanos line_time(const LineSettings& s, std::size_t n);
 // How many whole characters have been on the line `elapsed` after the first one started.
 std::size_t chars_in(const LineSettings& s, sched::Nanos elapsed);
 
-class LineReceiver {
-public:
+class LineReceiver
+{
+  public:
     // `arrival` is when the last of `bytes` finished arriving.
     virtual void on_bytes(std::span<const std::uint8_t> bytes, sched::Nanos arrival) = 0;
 
-protected:
+  protected:
     ~LineReceiver() = default;
 };
 
-class Line {
-public:
+class Line
+{
+  public:
     virtual ~Line() = default;
 
     virtual void attach(LineReceiver* receiver) = 0;
@@ -54,8 +57,10 @@ public:
     // the line cannot run with these settings.
     virtual bool configure(const LineSettings& s) = 0;
     virtual LineSettings settings() const = 0;
-    // Queues bytes behind those still being shifted out; returns when the last one leaves.
-    virtual sched::Nanos send(std::span<const std::uint8_t> bytes) = 0;
+    // Queues bytes behind those still being shifted out, after the line has been left idle
+    // for `idle` more; returns when the last byte leaves.
+    virtual sched::Nanos send_after(sched::Nanos idle, std::span<const std::uint8_t> bytes) = 0;
+    sched::Nanos send(std::span<const std::uint8_t> bytes) { return send_after(0, bytes); }
     // Drops the queued bytes that have not started to leave; returns how many.
     virtual std::size_t discard_unsent() = 0;
     // Drops what has reached this end but has not been handed to its receiver yet.

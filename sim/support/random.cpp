@@ -2,9 +2,11 @@
 
 #include "sched/sched.h"
 
-namespace mvgps::sim {
+namespace mvgps::sim
+{
 
-namespace {
+namespace
+{
 
 std::uint64_t splitmix(std::uint64_t& x)
 {
@@ -24,7 +26,10 @@ std::uint64_t hash(std::string_view s)
     return h;
 }
 
-std::uint64_t rotl(std::uint64_t x, int k) { return (x << k) | (x >> (64 - k)); }
+std::uint64_t rotl(std::uint64_t x, int k)
+{
+    return (x << k) | (x >> (64 - k));
+}
 
 } // namespace
 

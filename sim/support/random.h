@@ -6,10 +6,12 @@
 #include <cstdint>
 #include <string_view>
 
-namespace mvgps::sim {
+namespace mvgps::sim
+{
 
-class Random {
-public:
+class Random
+{
+  public:
     Random(std::uint64_t seed, std::string_view stream);
     // Seeded from the installed scheduler.
     explicit Random(std::string_view stream);
@@ -21,7 +23,7 @@ public:
     bool chance(double p);
     std::uint8_t byte() { return static_cast<std::uint8_t>(next() >> 56); }
 
-private:
+  private:
     std::uint64_t s_[4];
 };
 

@@ -21,7 +21,8 @@
 #include "sim/support/line.h"
 #include "sim/support/random.h"
 
-namespace mvgps::sim::uart {
+namespace mvgps::sim::uart
+{
 
 // Per-character probabilities on the way to one end.
 struct Impairments {
@@ -39,14 +40,16 @@ struct WireStats {
     std::uint64_t noise = 0;
 };
 
-class Wire {
-public:
-    class End final : public Line {
-    public:
+class Wire
+{
+  public:
+    class End final : public Line
+    {
+      public:
         void attach(LineReceiver* receiver) override;
         bool configure(const LineSettings& s) override;
         LineSettings settings() const override;
-        sched::Nanos send(std::span<const std::uint8_t> bytes) override;
+        sched::Nanos send_after(sched::Nanos idle, std::span<const std::uint8_t> bytes) override;
         std::size_t discard_unsent() override;
         void discard_received() override;
         sched::Nanos next_arrival() const override;
@@ -56,7 +59,7 @@ public:
         // Counters of the characters travelling to this end.
         WireStats stats() const;
 
-    private:
+      private:
         friend class Wire;
         Wire* wire_ = nullptr;
         int index_ = 0;
@@ -73,7 +76,7 @@ public:
     End& a() { return ends_[0]; }
     End& b() { return ends_[1]; }
 
-private:
+  private:
     struct Chunk {
         sched::Nanos start = 0;
         LineSettings settings;

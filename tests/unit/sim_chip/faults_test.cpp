@@ -1,0 +1,192 @@
+// Each fault script, seen from the client's end of the wire.
+#include <gtest/gtest.h>
+
+#include "sim_chip/world.h"
+
+namespace mvgps::sim::chip
+{
+namespace
+{
+
+using testkit::get_le32;
+using testkit::run_for;
+using Bytes = std::vector<std::uint8_t>;
+using Verdict = FrameParser::Verdict;
+constexpr sched::Nanos kMs = sched::kMillisecond;
+
+// What the client got for one option command (pid 0x22 sid 5, payload = its number).
+struct Answer {
+    int acks = 0;
+    std::uint32_t err = 0;
+    sched::Nanos latency = 0;
+    bool operator==(const Answer&) const = default;
+};
+
+Answer ask(World& w, std::uint8_t number)
+{
+    w.client.clear();
+    const sched::Nanos sent = sched::current().now();
+    w.client.send({0x22, 5, true, {number}});
+    run_for(400 * kMs);
+    Answer a;
+    for (const auto& r : w.client.received()) {
+        if (r.frame.pid == 0x22 && r.verdict == Verdict::Good) {
+            if (a.acks++ == 0) {
+                a.err = get_le32(r.frame.payload);
+                a.latency = r.arrival - sent;
+            }
+        }
+    }
+    return a;
+}
+
+TEST(ChipFaults, CommandFaultsHitTheNextMatchingCommands)
+{
+    struct Case {
+        const char* name;
+        Fault fault;
+        std::vector<int> acks;              // per command
+        std::vector<std::uint32_t> err;     // per command
+        std::optional<std::uint8_t> option; // what the chip carried out last
+        bool late_first;
+    } cases[] = {
+        {"no ack twice", Fault::no_ack(2), {0, 0, 1}, {0, 0, 0}, 3, false},
+        {"rejected twice", Fault::reject(2, 7), {1, 1, 1}, {7, 7, 0}, 3, false},
+        {"late once", Fault::late_ack(1, 250 * kMs), {1, 1, 1}, {0, 0, 0}, 3, true},
+        {"duplicate once", Fault::duplicate_ack(1), {2, 1, 1}, {0, 0, 0}, 3, false},
+        {"other pid untouched", Fault::no_ack(3, 0x05), {1, 1, 1}, {0, 0, 0}, 3, false},
+        {"sid filter", Fault::reject(3, 9, 0x22, 5), {1, 1, 1}, {9, 9, 9}, std::nullopt, false},
+    };
+    for (const auto& c : cases) {
+        World w(quiet_config());
+        w.chip.inject(c.fault);
+        for (std::uint8_t i = 0; i < 3; ++i) {
+            const Answer a = ask(w, i + 1);
+            EXPECT_EQ(a.acks, c.acks[i]) << c.name << ", command " << int(i);
+            if (a.acks > 0) {
+                EXPECT_EQ(a.err, c.err[i]) << c.name << ", command " << int(i);
+                const bool late = a.latency >= 250 * kMs;
+                EXPECT_EQ(late, c.late_first && i == 0) << c.name << ", command " << int(i);
+            }
+        }
+        EXPECT_EQ(w.chip.state().option, c.option) << c.name;
+    }
+}
+
+TEST(ChipFaults, OutputFaultsDamageTheSelectedFrames)
+{
+    struct Case {
+        const char* name;
+        Fault fault;
+        Verdict answer; // how the answer arrives
+        Verdict status; // how the next status frame arrives
+    } cases[] = {
+        {"crc of an answer", Fault::corrupt_crc(1, Output::Answers), Verdict::BadCrc,
+         Verdict::Good},
+        {"tail of an answer", Fault::corrupt_tail(1, Output::Answers), Verdict::BadTail,
+         Verdict::Good},
+        {"crc of a status frame", Fault::corrupt_crc(1, Output::Status), Verdict::Good,
+         Verdict::BadCrc},
+        {"tail of any frame", Fault::corrupt_tail(2), Verdict::BadTail, Verdict::BadTail},
+    };
+    for (const auto& c : cases) {
+        World w(quiet_config());
+        ASSERT_TRUE(w.client.await(kPidStatus, 0, 50 * kMs)); // just after a status frame
+        w.chip.inject(c.fault);
+        w.client.clear();
+        w.client.send({0x22, 5, true, {1}});
+        run_for(40 * kMs);
+        std::optional<Verdict> answer;
+        std::optional<Verdict> status;
+        for (const auto& r : w.client.received()) {
+            auto& slot = r.frame.pid == kPidStatus ? status : answer;
+            if (!slot) {
+                slot = r.verdict;
+            }
+        }
+        EXPECT_EQ(answer, c.answer) << c.name;
+        EXPECT_EQ(status, c.status) << c.name;
+    }
+}
+
+TEST(ChipFaults, GarbageAndPaddingGoBeforeFrames)
+{
+    World w(quiet_config());
+    ASSERT_TRUE(w.client.await(kPidStatus, 0, 50 * kMs));
+    w.chip.inject(Fault::padding(1, 16, Output::Answers));
+    w.chip.inject(Fault::garbage(1, 40, Output::Answers));
+    w.client.clear();
+    const auto ack = w.client.command(0x22, 5, {1});
+    ASSERT_TRUE(ack.has_value()) << "the frame after the junk still parses";
+    const Bytes raw = w.client.raw();
+    const Bytes frame = encode(ack->frame);
+    ASSERT_EQ(raw.size(), 40 + 16 + frame.size());
+    EXPECT_EQ(Bytes(raw.begin() + 40, raw.begin() + 56), Bytes(16, 0xFF));
+    EXPECT_EQ(Bytes(raw.begin() + 56, raw.end()), frame);
+}
+
+TEST(ChipFaults, SplitBurstArrivesInTwoRunsWithAPause)
+{
+    ChipConfig cfg;
+    cfg.capture = capture("$GPGGA,1,*00\n$GPGSA,2*00\n$GPGSV,3*00\n$GPRMC,1,A*00\n"
+                          "$GPGGA,2,*00\n");
+    World w(cfg);
+    w.chip.inject(Fault::split_burst(1, 60 * kMs, Output::Nmea));
+    run_for(1200 * kMs);
+    std::vector<sched::Nanos> nmea;
+    for (const auto& r : w.client.received()) {
+        if (r.frame.pid == kPidNmeaData) {
+            nmea.push_back(r.arrival);
+        }
+    }
+    ASSERT_EQ(nmea.size(), 4u) << "every sentence of the epoch still arrives";
+    // The epoch falls due at 1 s and takes well under a millisecond on the line.
+    EXPECT_GE(nmea.back(), sched::kSecond + 60 * kMs);
+    EXPECT_LT(nmea.back(), sched::kSecond + 62 * kMs);
+}
+
+TEST(ChipFaults, SilenceNeitherHearsNorSpeaks)
+{
+    World w(quiet_config());
+    w.chip.inject(Fault::silence(300 * kMs));
+    w.client.clear();
+    EXPECT_FALSE(w.client.command(0xFF, 2, {}, 250 * kMs));
+    EXPECT_TRUE(w.client.received().empty());
+    EXPECT_TRUE(w.client.await(kPidStatus, 0, 100 * kMs));
+    EXPECT_EQ(w.chip.stats().frames_received, 0u) << "the command sent into the silence was lost";
+    EXPECT_TRUE(w.client.command(0xFF, 2));
+}
+
+TEST(ChipFaults, ResetRestoresBootState)
+{
+    World w(quiet_config());
+    ASSERT_TRUE(w.client.command(5, 1, {0x00, 0x01, 0x00, 0x00, 0x42}));
+    ASSERT_TRUE(w.client.command(0x16, 0, testkit::le32(115200)));
+    w.client.set_rate(115200);
+    ASSERT_TRUE(w.client.await(kPidStatus, 0, 50 * kMs));
+
+    w.chip.inject(Fault::reset());
+    w.client.set_rate(921600);
+    w.client.clear();
+    run_for(45 * kMs);
+    EXPECT_TRUE(w.client.received().empty()) << "booting";
+    EXPECT_TRUE(w.client.await(kPidStatus, 0, 50 * kMs));
+    EXPECT_EQ(w.chip.rate(), 921600u);
+    EXPECT_EQ(w.chip.peek(0x100, 1), Bytes{0});
+    EXPECT_EQ(w.chip.stats().resets, 1u);
+}
+
+TEST(ChipFaults, RateMismatchTurnsTheLineToGarbage)
+{
+    World w(quiet_config());
+    w.chip.inject(Fault::rate_mismatch(57600));
+    w.client.clear();
+    EXPECT_FALSE(w.client.command(0xFF, 2, {}, 200 * kMs));
+    EXPECT_TRUE(w.client.received().empty());
+    EXPECT_EQ(w.chip.stats().frames_received, 0u) << "nor did the chip hear the command";
+    w.client.set_rate(57600);
+    EXPECT_TRUE(w.client.command(0xFF, 2));
+}
+
+} // namespace
+} // namespace mvgps::sim::chip
