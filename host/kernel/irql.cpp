@@ -62,6 +62,20 @@ void lower_irql(KIRQL level, const char* caller)
     t.irql = level;
 }
 
+namespace
+{
+
+std::string describe_thread()
+{
+    const ThreadState& t = this_thread();
+    return std::string("at ") + irql_name(t.irql) + ", holding " + std::to_string(t.held.size()) +
+           " spin lock(s)";
+}
+
+// Every bug check report says at which IRQL the stopping thread ran.
+[[maybe_unused]] const bool g_described = (verifier::set_thread_context(describe_thread), true);
+
+} // namespace
 } // namespace detail
 
 KIRQL current_irql()

@@ -25,11 +25,11 @@ namespace
 {
 
 struct Header {
-    std::uint64_t cookie; // kCookie ^ address of the block: catches an underrun
     ULONG tag;
     ULONG paged;
     std::uint64_t size;
     std::uint64_t serial;
+    std::uint64_t cookie; // kCookie ^ address of the block, next to it to catch an underrun
 };
 static_assert(sizeof(Header) % 16 == 0, "blocks keep the pool's 16-byte alignment");
 
@@ -152,7 +152,7 @@ void* allocate(const char* caller, bool paged, std::size_t size, ULONG tag, bool
         return nullptr;
     }
     void* block = raw + sizeof(Header);
-    *header_of(block) = {cookie_for(block), tag, paged, size, ++p.serial};
+    *header_of(block) = {tag, paged, size, ++p.serial, cookie_for(block)};
     std::memset(block, zero ? 0 : kFreshByte, size);
     std::memset(raw + sizeof(Header) + size, kGuardByte, kGuardBytes);
     p.live.insert(block);

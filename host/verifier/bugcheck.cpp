@@ -37,6 +37,8 @@ constexpr StopName kStopNames[] = {
     {kWdfViolation, "WDF_VIOLATION"},
 };
 
+std::atomic<ThreadContext> g_thread_context{nullptr};
+
 void append(std::string& out, const char* format, auto... args)
 {
     char line[256];
@@ -56,6 +58,11 @@ std::string_view stop_name(std::uint32_t code)
     return "UNKNOWN_STOP_CODE";
 }
 
+void set_thread_context(ThreadContext describe)
+{
+    g_thread_context.store(describe);
+}
+
 std::string report(std::uint32_t code, std::string_view rule, std::uint64_t p1, std::uint64_t p2,
                    std::uint64_t p3, std::uint64_t p4)
 {
@@ -72,6 +79,9 @@ std::string report(std::uint32_t code, std::string_view rule, std::uint64_t p1, 
     if (sched::installed()) {
         auto& s = sched::current();
         out += "Thread: " + s.name(s.self()) + '\n';
+        if (ThreadContext describe = g_thread_context.load()) {
+            out += "        " + describe() + '\n';
+        }
         append(out, "Time:   %.6f ms\n", static_cast<double>(s.now()) / 1e6);
         if (s.mode() == sched::Mode::Simulated) {
             append(out, "Seed:   %" PRIu64 " (replay with MVGPS_SEED=%" PRIu64 ")\n", s.seed(),

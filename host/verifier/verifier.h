@@ -43,6 +43,11 @@ inline constexpr std::size_t kRecentEvents = 32;
 std::vector<std::string> recent();
 void clear_recent();
 
+// A line about the calling thread that the kernel adds to every report (its IRQL and the
+// spin locks it holds); the verifier itself knows nothing of kernel state.
+using ThreadContext = std::string (*)();
+void set_thread_context(ThreadContext describe);
+
 // The report bugcheck() would print, without stopping (for tests and post-mortem output).
 std::string report(std::uint32_t code, std::string_view rule, std::uint64_t p1 = 0,
                    std::uint64_t p2 = 0, std::uint64_t p3 = 0, std::uint64_t p4 = 0);
