@@ -171,7 +171,6 @@ bool guard_intact(const Header* h)
 
 void release(const char* caller, void* block, ULONG tag)
 {
-    check_irql(caller, false);
     auto address = reinterpret_cast<ULONG_PTR>(block);
     Pool& p = pool();
     std::lock_guard lock(p.mutex);
@@ -187,6 +186,7 @@ void release(const char* caller, void* block, ULONG tag)
         verifier::bugcheck(verifier::kBadPoolHeader,
                            std::string(caller) + ": the block's header was overwritten", address);
     }
+    check_irql(caller, h->paged != 0);
     if (!guard_intact(h)) {
         verifier::bugcheck(verifier::kSpecialPoolCorruption,
                            std::string(caller) + ": bytes past the end of the " +

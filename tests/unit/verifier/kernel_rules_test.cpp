@@ -179,6 +179,14 @@ TEST(KernelRules, BrokenRulesStopTheRun)
              ExAllocatePoolWithTag(NonPagedPoolNx, 8, kTag);
          },
          "0x000000C4.*ExAllocatePoolWithTag at a device IRQL"},
+        {"paged pool freed at DISPATCH_LEVEL",
+         [] {
+             void* p = ExAllocatePoolWithTag(PagedPool, 8, kTag);
+             KIRQL old;
+             KeRaiseIrql(DISPATCH_LEVEL, &old);
+             ExFreePool(p);
+         },
+         "0x000000C4.*ExFreePool of paged pool at DISPATCH_LEVEL"},
         {"write past the end of a block",
          [] {
              auto* p = static_cast<char*>(ExAllocatePoolWithTag(NonPagedPoolNx, 10, kTag));
