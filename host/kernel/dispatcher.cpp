@@ -2,9 +2,12 @@
 // signal state, and the wait-list head reused as the scheduler's list of blocked threads.
 #include "kernel/internal.h"
 
+#include <algorithm>
 #include <chrono>
+#include <deque>
 #include <new>
 #include <string>
+#include <unordered_map>
 
 #include "verifier/verifier.h"
 
@@ -20,12 +23,69 @@ sched::WaitList& waiters(DISPATCHER_HEADER& header)
     return *std::launder(reinterpret_cast<sched::WaitList*>(&header.WaitListHead));
 }
 
+namespace
+{
+
+// A blocked wait. The thread that signals the object satisfies it on the waiter's behalf, as
+// the real dispatcher does, so a released waiter never looks at the object again: its owner
+// may free it right after the set (a signal freed while a thread still waits on it).
+struct WaitBlock {
+    bool satisfied = false;
+};
+
+// Blocked waits per object, oldest first. Only touched under the scheduler's state lock.
+std::unordered_map<const DISPATCHER_HEADER*, std::deque<WaitBlock*>>& g_blocks()
+{
+    static auto* blocks = new std::unordered_map<const DISPATCHER_HEADER*, std::deque<WaitBlock*>>;
+    return *blocks;
+}
+
+// With the state lock held, after the object became signalled: a synchronization event
+// releases its oldest waiter and resets; anything else releases every waiter and stays set.
+void satisfy_waits(sched::Scheduler& s, DISPATCHER_HEADER& header)
+{
+    auto it = g_blocks().find(&header);
+    if (it == g_blocks().end()) {
+        return;
+    }
+    auto& queue = it->second;
+    if (header.Type == kEventSynchronizationObject) {
+        queue.front()->satisfied = true;
+        queue.pop_front();
+        header.SignalState = 0;
+    } else {
+        for (WaitBlock* block : queue) {
+            block->satisfied = true;
+        }
+        queue.clear();
+    }
+    if (queue.empty()) {
+        g_blocks().erase(it);
+    }
+    s.wake(waiters(header));
+}
+
+void forget_wait(const DISPATCHER_HEADER* header, WaitBlock* block)
+{
+    auto it = g_blocks().find(header);
+    if (it == g_blocks().end()) {
+        return;
+    }
+    auto& queue = it->second;
+    queue.erase(std::find(queue.begin(), queue.end(), block));
+    if (queue.empty()) {
+        g_blocks().erase(it);
+    }
+}
+
+} // namespace
+
 void signal_header(DISPATCHER_HEADER& header)
 {
     auto& s = sched::current();
     sched::StateLock state(s);
     header.SignalState = 1;
-    s.wake(waiters(header));
+    satisfy_waits(s, header);
 }
 
 namespace
@@ -101,7 +161,7 @@ LONG set_state(PRKEVENT event, LONG state, const char* caller, const char* point
         previous = event->Header.SignalState;
         event->Header.SignalState = state;
         if (state != 0) {
-            s.wake(waiters(event->Header));
+            satisfy_waits(s, event->Header);
         }
     }
     s.point(point);
@@ -183,8 +243,17 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON, KPROCESSOR_MODE, BOOL
     }
     sched::Nanos deadline = deadline_of(s, Timeout);
     sched::StateLock lock(s);
-    auto result = s.wait(waiters(*header), what, deadline, [header] { return try_take(header); });
-    return result == sched::WaitResult::Ready ? STATUS_SUCCESS : STATUS_TIMEOUT;
+    if (try_take(header)) {
+        return STATUS_SUCCESS;
+    }
+    WaitBlock block;
+    g_blocks()[header].push_back(&block);
+    s.wait(waiters(*header), what, deadline, [&block] { return block.satisfied; });
+    if (!block.satisfied) {
+        forget_wait(header, &block);
+        return STATUS_TIMEOUT;
+    }
+    return STATUS_SUCCESS;
 }
 
 NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER Interval)

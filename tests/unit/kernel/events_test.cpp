@@ -177,6 +177,29 @@ TEST(Events, SetOnAnotherThreadWakesTheWaiterAtThatTime)
     EXPECT_EQ(woke_at, 10);
 }
 
+// Set-then-free, as a signal's owner does at teardown: the set releases the waiter there and
+// then, so it never touches the freed event (the address checker would see it if it did).
+TEST(Events, WaiterIsReleasedBeforeTheEventIsFreed)
+{
+    for (EVENT_TYPE type : {SynchronizationEvent, NotificationEvent}) {
+        for (std::uint64_t seed = 1; seed <= 16; ++seed) {
+            SCOPED_TRACE(testing::Message() << "type " << type << " seed " << seed);
+            sched::Install s(sched::make_simulated(seed));
+            auto* e = static_cast<KEVENT*>(
+                ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(KEVENT), 0x74736554));
+            KeInitializeEvent(e, type, FALSE);
+            NTSTATUS status = STATUS_PENDING;
+            SystemThread waiter(
+                [&] { status = KeWaitForSingleObject(e, Executive, KernelMode, FALSE, nullptr); });
+            delay_ms(1);
+            KeSetEvent(e, 0, FALSE);
+            ExFreePool(e);
+            waiter.join();
+            EXPECT_EQ(status, STATUS_SUCCESS);
+        }
+    }
+}
+
 TEST(Clock, DelaysAdvanceInterruptAndSystemTimeTogether)
 {
     sched::Install s(sched::make_simulated(9));
