@@ -1,0 +1,3 @@
+#include "os/debug_log.h"
+
+ULONG DebugLogMask = DEBUG_LOG_MASK_DEFAULT;
