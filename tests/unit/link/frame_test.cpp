@@ -6,8 +6,10 @@
 #include "link_fixture.h"
 #include "os/pool_tags.h"
 
-namespace mvgps::test {
-namespace {
+namespace mvgps::test
+{
+namespace
+{
 
 using testing::HasSubstr;
 
@@ -56,7 +58,13 @@ TEST_F(FrameTest, BuildsPaddedFrames)
 {
     const std::uint8_t payload6[] = {1, 2, 3, 4, 5, 6};
     const BuildCase cases[] = {
-        {"crc, no payload", 1, 0xFF, 2, {}, false, {0xA5, 0x80, 0x02, 0xFF, 0x02, 0x90, 0xE5, 0xA5}},
+        {"crc, no payload",
+         1,
+         0xFF,
+         2,
+         {},
+         false,
+         {0xA5, 0x80, 0x02, 0xFF, 0x02, 0x90, 0xE5, 0xA5}},
         {"no crc, no payload",
          0,
          0x20,
@@ -118,9 +126,9 @@ TEST_F(FrameTest, PayloadLengthLimits)
         LONG receive_status; // what a receiver makes of the frame
     };
     const Case cases[] = {
-        {4091, true, PKT_FULL},   // the longest well-formed frame
-        {4092, true, PKT_LARGE},  // length 0x1000 spills into a reserved bit
-        {4096, true, PKT_LARGE},  // the longest accepted
+        {4091, true, PKT_FULL},  // the longest well-formed frame
+        {4092, true, PKT_LARGE}, // length 0x1000 spills into a reserved bit
+        {4096, true, PKT_LARGE}, // the longest accepted
         {4097, false, 0},
     };
     Bytes payload(4097, 0x11);

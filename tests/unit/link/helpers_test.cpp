@@ -3,8 +3,10 @@
 
 #include "link_fixture.h"
 
-namespace mvgps::test {
-namespace {
+namespace mvgps::test
+{
+namespace
+{
 
 using HelperTest = LinkTest;
 

@@ -13,7 +13,8 @@
 #include "link/hci.h"
 #include "sched/sched.h"
 
-namespace mvgps::test {
+namespace mvgps::test
+{
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -39,9 +40,9 @@ inline LONG record_frame(const UCHAR* frame, USHORT len, UCHAR crc_flag, PVOID c
 inline Bytes tx_frame(std::uint8_t crc, std::uint8_t pid, std::uint8_t sid,
                       const Bytes& payload = {}, bool padded = false)
 {
-    hci_tx_packet* packet = create_hci_tx_packet(
-        crc, pid, sid, payload.empty() ? nullptr : payload.data(),
-        static_cast<USHORT>(payload.size()));
+    hci_tx_packet* packet =
+        create_hci_tx_packet(crc, pid, sid, payload.empty() ? nullptr : payload.data(),
+                             static_cast<USHORT>(payload.size()));
     if (packet == nullptr) {
         ADD_FAILURE() << "frame not built";
         return {};
@@ -69,8 +70,9 @@ inline std::string log_line(const char* function, const std::string& message)
     return prefix + message;
 }
 
-class LinkTest : public testing::Test {
-protected:
+class LinkTest : public testing::Test
+{
+  protected:
     LinkTest() : sched_(sched::make_simulated(sched::seed_from_env())) {}
 
     void SetUp() override

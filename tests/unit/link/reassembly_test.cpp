@@ -5,8 +5,10 @@
 
 #include "link_fixture.h"
 
-namespace mvgps::test {
-namespace {
+namespace mvgps::test
+{
+namespace
+{
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -52,8 +54,9 @@ Bytes slice(const Bytes& b, std::size_t from, std::size_t to)
                  b.begin() + static_cast<std::ptrdiff_t>(to));
 }
 
-class ReassemblyTest : public LinkTest {
-protected:
+class ReassemblyTest : public LinkTest
+{
+  protected:
     // Hands the stream over in reads ending at the given offsets (empty reads are skipped, as
     // the read thread never passes them on).
     void feed(const Bytes& stream, std::initializer_list<std::size_t> cuts)
@@ -105,7 +108,8 @@ TEST_F(ReassemblyTest, RandomReadSizes)
         SCOPED_TRACE(largest);
         restart();
         for (std::size_t at = 0; at < s.bytes.size();) {
-            const std::size_t n = std::min<std::size_t>(1 + random() % largest, s.bytes.size() - at);
+            const std::size_t n =
+                std::min<std::size_t>(1 + random() % largest, s.bytes.size() - at);
             recv(slice(s.bytes, at, at + n));
             at += n;
         }
@@ -266,20 +270,28 @@ TEST_F(ReassemblyTest, CarryOverLosses)
     const Case cases[] = {
         // Bytes after a sync byte and padding are kept, with the header they no longer have;
         // the frame they hold comes out one read late.
-        {"padding after a sync byte", {{0xA5, 0xFF}, concat({{0xFF, 0xFF, 0xFF}, a}), b},
-         {a, b}, "Partial pkt in circ after copying, l 11, circ_pn 4101"},
+        {"padding after a sync byte",
+         {{0xA5, 0xFF}, concat({{0xFF, 0xFF, 0xFF}, a}), b},
+         {a, b},
+         "Partial pkt in circ after copying, l 11, circ_pn 4101"},
         // A held start that does not begin with a sync byte takes the next read with it.
         {"held bytes without sync",
          {{0xA5, 0xFF}, {0xFF, 0xFF, 0xFF, 0x01, 0x02}, a, b},
          {b},
          "no hci preamble code in circ"},
-        {"frame longer than the area", {slice(huge, 0, 2048), slice(huge, 2048, 4096),
-                                         concat({slice(huge, 4096, huge.size()), a})},
-         {a}, "[PKT_PART] in circ, discard it, l 4101, circ_pn 4101, len 11, orig_len 16"},
+        {"frame longer than the area",
+         {slice(huge, 0, 2048), slice(huge, 2048, 4096),
+          concat({slice(huge, 4096, huge.size()), a})},
+         {a},
+         "[PKT_PART] in circ, discard it, l 4101, circ_pn 4101, len 11, orig_len 16"},
         {"frame longer than the area, in one read", {concat({huge, a})}, {huge, a}, nullptr},
-        {"start longer than the area", {slice(huge, 0, 4100), concat({slice(huge, 4100, 4101), a})},
-         {a}, nullptr},
-        {"start as long as its frame", {header_only, a}, {a},
+        {"start longer than the area",
+         {slice(huge, 0, 4100), concat({slice(huge, 4100, 4101), a})},
+         {a},
+         nullptr},
+        {"start as long as its frame",
+         {header_only, a},
+         {a},
          "[PKT_SHORT] in circ, discard it, l 5, circ_pn 4"},
     };
     for (const Case& c : cases) {

@@ -3,8 +3,10 @@
 
 #include "link_fixture.h"
 
-namespace mvgps::test {
-namespace {
+namespace mvgps::test
+{
+namespace
+{
 
 using testing::HasSubstr;
 using testing::Not;
@@ -51,8 +53,8 @@ TEST_F(StatusTest, ClassifiesTheStartOfABuffer)
 TEST_F(StatusTest, StatusNames)
 {
     const std::pair<LONG, const char*> names[] = {
-        {-6, "PKT_NO_SYNC"}, {-5, "PKT_NO_TAIL"}, {-4, "PKT_SHORT"}, {-3, "PKT_LARGE"},
-        {-2, "PKT_IPSID"},   {-1, "PKT_PART"},    {1, "PKT_FULL"},   {0, "unknown pkt st"},
+        {-6, "PKT_NO_SYNC"},   {-5, "PKT_NO_TAIL"},    {-4, "PKT_SHORT"}, {-3, "PKT_LARGE"},
+        {-2, "PKT_IPSID"},     {-1, "PKT_PART"},       {1, "PKT_FULL"},   {0, "unknown pkt st"},
         {2, "unknown pkt st"}, {-7, "unknown pkt st"},
     };
     for (const auto& [status, name] : names) {
