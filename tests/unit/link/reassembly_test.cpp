@@ -149,26 +149,35 @@ TEST_F(ReassemblyTest, BadFrameIsDroppedAlone)
     bad_crc[8] ^= 0x40;
     Bytes bad_tail = tx_frame(0, 0x07, 0x08, {0x44, 0x55});
     bad_tail.back() = 0x00;
-    struct Case {
-        const char* name;
-        Bytes bad;
+    struct Logged {
         const char* function;
         const char* message;
     };
+    struct Case {
+        const char* name;
+        Bytes bad;
+        Logged whole, split; // the bad frame in one read, or split across two
+    };
     const Case cases[] = {
-        {"crc", bad_crc, "parse_one_packet", "pid 07, sid 08, CRC error"},
-        {"tail", bad_tail, "process_buff", "PKT_NO_TAIL"},
+        {"crc",
+         bad_crc,
+         {"parse_one_packet", "pid 07, sid 08, CRC error"},
+         {"parse_one_packet", "pid 07, sid 08, CRC error"}},
+        {"tail",
+         bad_tail,
+         {"process_buff", "PKT_NO_TAIL"},
+         {"recv_hci_buffer", "[PKT_NO_TAIL] in circ, discard it, l 10, circ_pn 10"}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const Bytes stream = concat({before, c.bad, after});
-        // Whole, and split inside the bad frame.
-        for (std::size_t cut : {stream.size(), before.size() + 4}) {
+        for (bool split : {false, true}) {
             restart();
             kernel::clear_debug_output();
-            feed(stream, {cut});
+            feed(stream, {split ? before.size() + 4 : stream.size()});
             EXPECT_THAT(frames(), ElementsAre(before, after));
-            EXPECT_THAT(log(), HasSubstr(log_line(c.function, c.message)));
+            const Logged& logged = split ? c.split : c.whole;
+            EXPECT_THAT(log(), HasSubstr(log_line(logged.function, logged.message)));
         }
     }
 }
