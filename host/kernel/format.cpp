@@ -51,7 +51,7 @@ int parse_number(const Ch*& p)
 template <class Ch>
 void pad(BoundedOut<Ch>& out, int count, Ch c)
 {
-    for (int i = 0; i < count; ++i) {
+    for (int i = 0; i < count && !out.overflow(); ++i) { // a huge '*' width ends at the bound
         out.put(c);
     }
 }

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -75,6 +76,12 @@ TEST(DbgPrint, OneCallPassesAtMost511Characters)
     std::string long_text(600, 'y');
     std::string out = printed([&] { DbgPrint("%s!", long_text.c_str()); });
     EXPECT_EQ(out, std::string(511, 'y'));
+}
+
+TEST(DbgPrint, HugeWidthsStopAtTheBound)
+{
+    EXPECT_EQ(printed([] { DbgPrint("%*d", INT_MAX, 1); }).size(), 511u);
+    EXPECT_EQ(printed([] { DbgPrint("%.*x", INT_MAX, 1); }), std::string(511, '0'));
 }
 
 TEST(DbgPrint, OutputAccumulatesUntilCleared)
