@@ -16,7 +16,7 @@ struct Args {
     va_list ap;
 };
 
-struct Spec {
+struct Conversion {
     bool left = false;
     bool plus = false;
     bool space = false;
@@ -69,14 +69,14 @@ Ch convert(Src c)
 // A string of `length` units (or up to its terminator when length is negative), cut by the
 // precision and padded to the width.
 template <class Ch, class Src>
-void put_string(BoundedOut<Ch>& out, const Spec& spec, const Src* s, std::ptrdiff_t length)
+void put_string(BoundedOut<Ch>& out, const Conversion& conv, const Src* s, std::ptrdiff_t length)
 {
     static constexpr char kNull[] = "(null)";
     if (s == nullptr) {
-        put_string(out, spec, kNull, sizeof kNull - 1);
+        put_string(out, conv, kNull, sizeof kNull - 1);
         return;
     }
-    std::size_t limit = spec.precision >= 0 ? static_cast<std::size_t>(spec.precision) : SIZE_MAX;
+    std::size_t limit = conv.precision >= 0 ? static_cast<std::size_t>(conv.precision) : SIZE_MAX;
     std::size_t n = 0;
     if (length >= 0) {
         n = std::min(static_cast<std::size_t>(length), limit);
@@ -85,36 +85,36 @@ void put_string(BoundedOut<Ch>& out, const Spec& spec, const Src* s, std::ptrdif
             ++n;
         }
     }
-    int fill = spec.width > static_cast<int>(n) ? spec.width - static_cast<int>(n) : 0;
-    if (!spec.left) {
+    int fill = conv.width > static_cast<int>(n) ? conv.width - static_cast<int>(n) : 0;
+    if (!conv.left) {
         pad(out, fill, Ch(' '));
     }
     for (std::size_t i = 0; i < n; ++i) {
         out.put(convert<Ch>(s[i]));
     }
-    if (spec.left) {
+    if (conv.left) {
         pad(out, fill, Ch(' '));
     }
 }
 
 template <class Ch>
-void put_integer(BoundedOut<Ch>& out, Spec spec, Ch conversion, Args& args)
+void put_integer(BoundedOut<Ch>& out, Conversion conv, Ch conversion, Args& args)
 {
     bool is_signed = conversion == 'd' || conversion == 'i';
     std::uint64_t value;
     bool negative = false;
-    if (spec.bits == 64) {
+    if (conv.bits == 64) {
         value = va_arg(args.ap, std::uint64_t);
     } else {
         value = va_arg(args.ap, std::uint32_t);
-        if (spec.bits == 16) {
+        if (conv.bits == 16) {
             value &= 0xFFFF;
-        } else if (spec.bits == 8) {
+        } else if (conv.bits == 8) {
             value &= 0xFF;
         }
     }
     if (is_signed) {
-        int shift = 64 - spec.bits;
+        int shift = 64 - conv.bits;
         auto v = static_cast<std::int64_t>(value << shift) >> shift; // sign-extend
         negative = v < 0;
         value = negative ? 0 - static_cast<std::uint64_t>(v) : static_cast<std::uint64_t>(v);
@@ -126,26 +126,26 @@ void put_integer(BoundedOut<Ch>& out, Spec spec, Ch conversion, Args& args)
     for (std::uint64_t v = value; v != 0; v /= base) {
         digits[n++] = digits_of[v % base];
     }
-    int precision = spec.precision >= 0 ? spec.precision : 1;
+    int precision = conv.precision >= 0 ? conv.precision : 1;
     int zeros = precision > n ? precision - n : 0;
-    if (base == 8 && spec.alternate && zeros == 0 && (n == 0 || digits[n - 1] != '0')) {
+    if (base == 8 && conv.alternate && zeros == 0 && (n == 0 || digits[n - 1] != '0')) {
         zeros = 1;
     }
     const char* prefix = negative                  ? "-"
-                         : spec.plus && is_signed  ? "+"
-                         : spec.space && is_signed ? " "
+                         : conv.plus && is_signed  ? "+"
+                         : conv.space && is_signed ? " "
                                                    : "";
-    if (base == 16 && spec.alternate && value != 0) {
+    if (base == 16 && conv.alternate && value != 0) {
         prefix = conversion == 'X' ? "0X" : "0x";
     }
     int prefix_length = static_cast<int>(std::strlen(prefix));
     int body = prefix_length + zeros + n;
-    int fill = spec.width > body ? spec.width - body : 0;
-    if (spec.zero && !spec.left && spec.precision < 0) {
+    int fill = conv.width > body ? conv.width - body : 0;
+    if (conv.zero && !conv.left && conv.precision < 0) {
         zeros += fill;
         fill = 0;
     }
-    if (!spec.left) {
+    if (!conv.left) {
         pad(out, fill, Ch(' '));
     }
     for (int i = 0; i < prefix_length; ++i) {
@@ -155,85 +155,85 @@ void put_integer(BoundedOut<Ch>& out, Spec spec, Ch conversion, Args& args)
     while (n > 0) {
         out.put(Ch(digits[--n]));
     }
-    if (spec.left) {
+    if (conv.left) {
         pad(out, fill, Ch(' '));
     }
 }
 
 template <class Ch>
-bool wide_chars(const Spec& spec, bool upper)
+bool wide_chars(const Conversion& conv, bool upper)
 {
-    if (spec.chars != Spec::Width::Native) {
-        return spec.chars == Spec::Width::Wide;
+    if (conv.chars != Conversion::Width::Native) {
+        return conv.chars == Conversion::Width::Wide;
     }
     // %S and %C take the other width than the routine's own.
     return (sizeof(Ch) == 2) != upper;
 }
 
 template <class Ch>
-void put_char(BoundedOut<Ch>& out, const Spec& spec, bool wide, Args& args)
+void put_char(BoundedOut<Ch>& out, const Conversion& conv, bool wide, Args& args)
 {
     int c = va_arg(args.ap, int);
     if (wide) {
         WCHAR w = static_cast<WCHAR>(c);
-        put_string(out, spec, &w, 1);
+        put_string(out, conv, &w, 1);
     } else {
         char n = static_cast<char>(c);
-        put_string(out, spec, &n, 1);
+        put_string(out, conv, &n, 1);
     }
 }
 
 template <class Ch>
-void put_counted(BoundedOut<Ch>& out, const Spec& spec, Args& args)
+void put_counted(BoundedOut<Ch>& out, const Conversion& conv, Args& args)
 {
-    if (spec.wide_modifier) {
+    if (conv.wide_modifier) {
         auto* s = va_arg(args.ap, const UNICODE_STRING*);
         const WCHAR* buffer = s ? s->Buffer : nullptr;
-        put_string(out, spec, buffer, buffer ? s->Length / sizeof(WCHAR) : 0);
+        put_string(out, conv, buffer, buffer ? s->Length / sizeof(WCHAR) : 0);
     } else {
         auto* s = va_arg(args.ap, const ANSI_STRING*);
         const char* buffer = s ? s->Buffer : nullptr;
-        put_string(out, spec, buffer, buffer ? s->Length : 0);
+        put_string(out, conv, buffer, buffer ? s->Length : 0);
     }
 }
 
 // Length modifiers: hh h l ll L I I32 I64 w z j t.
 template <class Ch>
-void parse_size(const Ch*& p, Spec& spec)
+void parse_size(const Ch*& p, Conversion& conv)
 {
     for (;;) {
         switch (*p) {
         case 'h':
-            spec.bits = spec.chars == Spec::Width::Narrow ? 8 : 16;
-            spec.chars = Spec::Width::Narrow;
+            conv.bits = conv.chars == Conversion::Width::Narrow ? 8 : 16;
+            conv.chars = Conversion::Width::Narrow;
             ++p;
             continue;
         case 'l':
-            spec.bits = spec.chars == Spec::Width::Wide ? 64 : 32; // ll is 64, l alone 32
-            spec.chars = Spec::Width::Wide;
+            conv.bits = conv.chars == Conversion::Width::Wide ? 64 : 32; // ll is 64, l alone 32
+            conv.chars = Conversion::Width::Wide;
             ++p;
             continue;
         case 'w':
-            spec.chars = Spec::Width::Wide;
-            spec.wide_modifier = true;
+            conv.chars = Conversion::Width::Wide;
+            conv.wide_modifier = true;
             ++p;
             continue;
         case 'L':
         case 'z':
         case 'j':
         case 't':
-            spec.bits = 64;
+            conv.bits = 64;
             ++p;
             continue;
         case 'I':
             if (p[1] == '6' && p[2] == '4') {
-                spec.bits = 64;
+                conv.bits = 64;
                 p += 3;
             } else if (p[1] == '3' && p[2] == '2') {
-                spec.bits = 32;
+                conv.bits = 32;
                 p += 3;
             } else {
-                spec.bits = 64; // pointer-sized
+                conv.bits = 64; // pointer-sized
                 ++p;
             }
             continue;
@@ -244,13 +244,13 @@ void parse_size(const Ch*& p, Spec& spec)
 }
 
 template <class Ch>
-void put_pointer(BoundedOut<Ch>& out, Spec spec, Args& args)
+void put_pointer(BoundedOut<Ch>& out, Conversion conv, Args& args)
 {
     // The kernel prints pointers as all sixteen hexadecimal digits.
-    spec.bits = 64;
-    spec.precision = 16;
-    spec.alternate = false;
-    put_integer(out, spec, Ch('X'), args);
+    conv.bits = 64;
+    conv.precision = 16;
+    conv.alternate = false;
+    put_integer(out, conv, Ch('X'), args);
 }
 
 // Returns the character after the conversion.
@@ -258,43 +258,43 @@ template <class Ch>
 const Ch* put_conversion(BoundedOut<Ch>& out, const Ch* start, Args& args)
 {
     const Ch* p = start + 1;
-    Spec spec;
+    Conversion conv;
     for (;; ++p) {
         if (*p == '-') {
-            spec.left = true;
+            conv.left = true;
         } else if (*p == '+') {
-            spec.plus = true;
+            conv.plus = true;
         } else if (*p == ' ') {
-            spec.space = true;
+            conv.space = true;
         } else if (*p == '#') {
-            spec.alternate = true;
+            conv.alternate = true;
         } else if (*p == '0') {
-            spec.zero = true;
+            conv.zero = true;
         } else {
             break;
         }
     }
     if (*p == '*') {
-        spec.width = va_arg(args.ap, int);
-        if (spec.width < 0) {
-            spec.left = true;
-            spec.width = spec.width == INT_MIN ? 0 : -spec.width;
+        conv.width = va_arg(args.ap, int);
+        if (conv.width < 0) {
+            conv.left = true;
+            conv.width = conv.width == INT_MIN ? 0 : -conv.width;
         }
         ++p;
     } else {
-        spec.width = parse_number(p);
+        conv.width = parse_number(p);
     }
     if (*p == '.') {
         ++p;
         if (*p == '*') {
-            spec.precision = va_arg(args.ap, int);
-            spec.precision = spec.precision < 0 ? -1 : spec.precision;
+            conv.precision = va_arg(args.ap, int);
+            conv.precision = conv.precision < 0 ? -1 : conv.precision;
             ++p;
         } else {
-            spec.precision = parse_number(p);
+            conv.precision = parse_number(p);
         }
     }
-    parse_size(p, spec);
+    parse_size(p, conv);
     Ch c = *p;
     switch (c) {
     case 'd':
@@ -303,25 +303,25 @@ const Ch* put_conversion(BoundedOut<Ch>& out, const Ch* start, Args& args)
     case 'o':
     case 'x':
     case 'X':
-        put_integer(out, spec, c, args);
+        put_integer(out, conv, c, args);
         break;
     case 'c':
     case 'C':
-        put_char(out, spec, wide_chars<Ch>(spec, c == 'C'), args);
+        put_char(out, conv, wide_chars<Ch>(conv, c == 'C'), args);
         break;
     case 's':
     case 'S':
-        if (wide_chars<Ch>(spec, c == 'S')) {
-            put_string(out, spec, va_arg(args.ap, const WCHAR*), -1);
+        if (wide_chars<Ch>(conv, c == 'S')) {
+            put_string(out, conv, va_arg(args.ap, const WCHAR*), -1);
         } else {
-            put_string(out, spec, va_arg(args.ap, const char*), -1);
+            put_string(out, conv, va_arg(args.ap, const char*), -1);
         }
         break;
     case 'Z':
-        put_counted(out, spec, args);
+        put_counted(out, conv, args);
         break;
     case 'p':
-        put_pointer(out, spec, args);
+        put_pointer(out, conv, args);
         break;
     case '%':
         out.put(c);

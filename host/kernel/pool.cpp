@@ -47,7 +47,7 @@ constexpr ULONG_PTR kZeroTag = 0x9B;
 constexpr ULONG_PTR kNotPool = 0x46;
 
 struct Rule {
-    PoolFault spec;
+    PoolFault fault;
     std::uint64_t seen = 0;
     std::uint64_t random_state = 0;
 };
@@ -96,20 +96,20 @@ bool injected_failure(Pool& p, ULONG tag)
 {
     bool fail = false;
     for (Rule& r : p.rules) {
-        if (r.spec.tag != 0 && r.spec.tag != tag) {
+        if (r.fault.tag != 0 && r.fault.tag != tag) {
             continue;
         }
         ++r.seen;
-        switch (r.spec.kind) {
+        switch (r.fault.kind) {
         case PoolFault::Kind::Nth:
-            fail |= r.seen == r.spec.n;
+            fail |= r.seen == r.fault.n;
             break;
         case PoolFault::Kind::Every:
             fail = true;
             break;
         case PoolFault::Kind::Random:
             fail |= static_cast<double>(splitmix64(r.random_state) >> 11) * 0x1.0p-53 <
-                    r.spec.probability;
+                    r.fault.probability;
             break;
         }
     }
