@@ -42,7 +42,7 @@ class Realtime final : public Scheduler
         Thread* t;
         {
             std::lock_guard<std::mutex> lk(state_);
-            t = add_record(std::move(name));
+            t = add_record(threads_, std::move(name));
             t->body = std::move(body);
         }
         t->os = std::thread([this, t] {
@@ -67,7 +67,7 @@ class Realtime final : public Scheduler
         ThreadBinding& b = binding();
         if (b.owner != this) {
             std::lock_guard<std::mutex> lk(state_);
-            b = {this, add_record("adopted")};
+            b = {this, add_record(threads_, "adopted")};
         }
         return b.thread;
     }
@@ -124,27 +124,18 @@ class Realtime final : public Scheduler
     std::uint64_t trace_hash() const override { return 0; }
 
   private:
-    Thread* add_record(std::string name)
-    {
-        auto t = std::make_unique<Thread>();
-        t->name = std::move(name);
-        t->index = threads_.size();
-        threads_.push_back(std::move(t));
-        return threads_.back().get();
-    }
-
     // self() for callers that already hold the state lock.
     Thread* self_locked()
     {
         ThreadBinding& b = binding();
         if (b.owner != this)
-            b = {this, add_record("adopted")};
+            b = {this, add_record(threads_, "adopted")};
         return b.thread;
     }
 
     const Clock::time_point start_;
     std::mutex state_;
-    std::vector<std::unique_ptr<Thread>> threads_;
+    ThreadTable threads_;
 };
 
 } // namespace

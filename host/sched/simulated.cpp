@@ -40,7 +40,7 @@ class Simulated final : public Scheduler
   public:
     explicit Simulated(std::uint64_t seed) : seed_(seed), rng_(seed)
     {
-        Thread* main = add_record("main");
+        Thread* main = add_record(threads_, "main");
         main_lock_ = std::unique_lock<std::mutex>(baton_);
         main->baton = &main_lock_;
         bind(main);
@@ -63,7 +63,7 @@ class Simulated final : public Scheduler
 
     Thread* spawn(std::string name, std::function<void()> body) override
     {
-        Thread* t = add_record(std::move(name));
+        Thread* t = add_record(threads_, std::move(name));
         t->body = std::move(body);
         t->os = std::thread([this, t] { thread_main(t); });
         point("spawn");
@@ -131,15 +131,6 @@ class Simulated final : public Scheduler
     std::uint64_t trace_hash() const override { return hash_; }
 
   private:
-    Thread* add_record(std::string name)
-    {
-        auto t = std::make_unique<Thread>();
-        t->name = std::move(name);
-        t->index = threads_.size();
-        threads_.push_back(std::move(t));
-        return threads_.back().get();
-    }
-
     void bind(Thread* t) { binding() = {this, t}; }
 
     void thread_main(Thread* t)
@@ -266,7 +257,7 @@ class Simulated final : public Scheduler
     Prng rng_;
     std::mutex baton_;
     std::unique_lock<std::mutex> main_lock_;
-    std::vector<std::unique_ptr<Thread>> threads_;
+    ThreadTable threads_;
     Thread* running_ = nullptr;
     Nanos now_ = 0;
     std::vector<std::string> trace_;

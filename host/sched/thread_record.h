@@ -3,9 +3,11 @@
 
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "sched/sched.h"
 
@@ -62,6 +64,18 @@ inline void dequeue(Thread* t)
         list->last = t->prev;
     t->list = nullptr;
     t->next = t->prev = nullptr;
+}
+
+// Every thread a scheduler has started, in creation order, kept until the scheduler goes.
+using ThreadTable = std::vector<std::unique_ptr<Thread>>;
+
+inline Thread* add_record(ThreadTable& table, std::string name)
+{
+    auto t = std::make_unique<Thread>();
+    t->name = std::move(name);
+    t->index = table.size();
+    table.push_back(std::move(t));
+    return table.back().get();
 }
 
 // Which scheduler's record the calling thread is, if any.
