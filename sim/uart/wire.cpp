@@ -97,7 +97,9 @@ void Wire::deliver(int to, Nanos now)
         }
         c.chunks.pop_front();
     }
-    c.last_delivery = now;
+    if (last != 0) {
+        c.last_delivery = now;
+    }
     c.stats.delivered += out.size();
     if (!out.empty() && end.receiver_ != nullptr) {
         end.receiver_->on_bytes(out, last);
