@@ -2,6 +2,8 @@
 // end of its wire.
 #pragma once
 
+#include <algorithm>
+#include <cstring>
 #include <memory>
 #include <vector>
 
