@@ -93,6 +93,34 @@ TEST_F(SignalTest, WaitWithoutLimitEndsWhenSet)
     OsFreeSignal(&signal);
 }
 
+struct Waiter {
+    OsSignal* signal;
+    OS_STATUS result = 99;
+};
+
+VOID NTAPI wait_for(PVOID context)
+{
+    auto* waiter = static_cast<Waiter*>(context);
+    waiter->result = OsWaitForSignal(waiter->signal, 0);
+}
+
+TEST_F(SignalTest, FreeReleasesAWaiter)
+{
+    const auto blocks = live_os_blocks();
+    Waiter waiter{};
+    ASSERT_EQ(OsAllocateSignal(&waiter.signal, "Threadread_FinishSignal"), OS_SUCCESS);
+    OsSignal* signal = waiter.signal;
+    PVOID thread = nullptr;
+    ASSERT_EQ(OsCreateThread(wait_for, &waiter, 0, &thread), STATUS_SUCCESS);
+    OsDelay(10); // the waiter is blocked by now
+    OsFreeSignal(&signal);
+    EXPECT_EQ(signal, nullptr);
+    KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
+    ObDereferenceObject(thread);
+    EXPECT_EQ(waiter.result, OS_SUCCESS);
+    EXPECT_EQ(live_os_blocks(), blocks);
+}
+
 TEST_F(SignalTest, NamesAreCutAt64Bytes)
 {
     const std::string long_name(80, 'n');
