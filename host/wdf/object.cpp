@@ -24,7 +24,11 @@ struct alignas(16) ContextHeader {
 
 struct Table {
     std::unordered_map<std::uintptr_t, std::shared_ptr<Object>> live;
-    std::unordered_map<std::uintptr_t, Kind> dead;
+    struct Tombstone {
+        Kind kind;
+        const char* how;
+    };
+    std::unordered_map<std::uintptr_t, Tombstone> dead;
     std::uintptr_t next = 0;
 };
 
@@ -152,6 +156,7 @@ Object* Objects::resolve(WDFOBJECT handle, const char* call)
         violation(Rule::BadHandle, "null framework handle passed to " + describe(handle, call));
     }
     const char* deleted_kind = nullptr;
+    const char* how = nullptr;
     {
         sched::StateLock lock(sched::current());
         auto it = table().live.find(key(handle));
@@ -160,12 +165,14 @@ Object* Objects::resolve(WDFOBJECT handle, const char* call)
         }
         auto dead = table().dead.find(key(handle));
         if (dead != table().dead.end()) {
-            deleted_kind = kind_name(dead->second);
+            deleted_kind = kind_name(dead->second.kind);
+            how = dead->second.how;
         }
     }
     if (deleted_kind) {
         violation(Rule::DeletedObject,
-                  std::string("use of a deleted ") + deleted_kind + " in " + describe(handle, call),
+                  std::string("use of a ") + how + " " + deleted_kind + " in " +
+                      describe(handle, call),
                   key(handle));
     }
     violation(Rule::BadHandle, "invalid framework handle passed to " + describe(handle, call),
@@ -189,7 +196,14 @@ std::shared_ptr<Object> Objects::hold(Object* object)
     return object->shared_from_this();
 }
 
-void Objects::remove(Object* object)
+const char* Objects::tombstone(WDFOBJECT handle)
+{
+    sched::StateLock lock(sched::current());
+    auto dead = table().dead.find(key(handle));
+    return dead == table().dead.end() ? nullptr : dead->second.how;
+}
+
+void Objects::remove(Object* object, const char* how)
 {
     std::vector<std::shared_ptr<Object>> kids;
     std::shared_ptr<Object> self;
@@ -217,7 +231,7 @@ void Objects::remove(Object* object)
     sched::StateLock lock(sched::current());
     object->state_ = Object::State::Dead;
     table().live.erase(key(handle));
-    table().dead.emplace(key(handle), object->kind());
+    table().dead.emplace(key(handle), Table::Tombstone{object->kind(), how});
     if (Object* parent = object->parent_) {
         auto& siblings = parent->children_;
         siblings.erase(std::remove(siblings.begin(), siblings.end(), self), siblings.end());

@@ -89,8 +89,11 @@ class Objects
     {
         return static_cast<T*>(checked(resolve(handle, call), kind, call));
     }
-    // Deletes the object and its subtree (no-op for one already being deleted).
-    static void remove(Object* object);
+    // Deletes the object and its subtree (no-op for one already being deleted). `how` is
+    // what a later use of the handle reports ("use of a completed WDFREQUEST").
+    static void remove(Object* object, const char* how = "deleted");
+    // How a dead handle died, or null for a live or unknown one.
+    static const char* tombstone(WDFOBJECT handle);
     static std::shared_ptr<Object> hold(Object* object);
     static void* context(Object* object, PCWDF_OBJECT_CONTEXT_TYPE_INFO type);
     static NTSTATUS add_context(Object* object, const WDF_OBJECT_ATTRIBUTES* attributes,

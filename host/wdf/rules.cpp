@@ -29,15 +29,15 @@ CallbackCheck::CallbackCheck(const char* name)
 
 CallbackCheck::~CallbackCheck()
 {
-    KIRQL now = kernel::current_irql();
-    if (now != irql_) {
-        violation(Rule::CallbackIrql, std::string("callback returned at a raised IRQL: ") + name_,
-                  now, irql_);
-    }
     if (kernel::spin_locks_held() > spin_locks_) {
         violation(Rule::CallbackSpinLock,
                   std::string("callback returned holding a spin lock: ") + name_,
                   kernel::spin_locks_held());
+    }
+    KIRQL now = kernel::current_irql();
+    if (now != irql_) {
+        violation(Rule::CallbackIrql, std::string("callback returned at a raised IRQL: ") + name_,
+                  now, irql_);
     }
 }
 

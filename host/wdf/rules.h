@@ -23,7 +23,6 @@ enum class Rule : std::uint64_t {
     SyncSendIrql = 9,
     DeleteNotAllowed = 10,
     WaitLockNotOwned = 11,
-    PoolLeaked = 12,
 };
 
 [[noreturn]] void violation(Rule rule, const std::string& what, std::uint64_t p2 = 0,

@@ -1,0 +1,145 @@
+// Queues, requests and memory objects. A request is always in exactly one place: in a
+// queue (the queue's), with the driver (delivered or retrieved), or completed. The driver
+// may complete only what it holds; completing twice stops the run.
+#pragma once
+
+#include <wdf.h>
+
+#include <deque>
+#include <functional>
+#include <memory>
+
+#include "sched/sched.h"
+#include "wdf/object.h"
+
+namespace mvgps::wdf
+{
+
+class Device;
+class Queue;
+
+class Memory final : public Object
+{
+  public:
+    // A view of someone else's buffer (preallocated, or a request's buffer).
+    Memory(void* buffer, std::size_t size) : Object(Kind::Memory), buffer_(buffer), size_(size) {}
+    // Pool the memory object owns and frees with itself.
+    Memory(POOL_TYPE pool, ULONG tag, std::size_t size);
+    ~Memory() override;
+    void* buffer() const { return buffer_; }
+    std::size_t size() const { return size_; }
+
+  private:
+    void* buffer_;
+    std::size_t size_;
+    ULONG pool_tag_ = 0;
+    bool owns_ = false;
+};
+
+enum class Major : std::uint8_t { Read, Write, DeviceControl };
+
+class Request final : public Object
+{
+  public:
+    enum class Place : std::uint8_t { Nowhere, Queued, Driver, Completed };
+    struct Buffers {
+        void* input = nullptr;
+        std::size_t input_length = 0;
+        void* output = nullptr;
+        std::size_t output_length = 0;
+        // METHOD_NEITHER: the driver cannot take the buffers through the framework.
+        bool user_buffers = false;
+    };
+    using Completion = std::function<void(NTSTATUS status, ULONG_PTR information)>;
+
+    // A request the driver made with WdfRequestCreate.
+    Request() : Object(Kind::Request), created_by_driver_(true) {}
+    // A request arriving from the I/O manager for `device`.
+    Request(Major major, ULONG code, Buffers buffers, Completion completion)
+        : Object(Kind::Request), major_(major), code_(code), buffers_(buffers),
+          completion_(std::move(completion))
+    {
+    }
+
+    static std::shared_ptr<Request> incoming(Device* device, Major major, ULONG code,
+                                             Buffers buffers, Completion completion);
+
+    Major major() const { return major_; }
+    ULONG code() const { return code_; }
+    const Buffers& buffers() const { return buffers_; }
+    bool created_by_driver() const { return created_by_driver_; }
+    WDFREQUEST wdf() const { return static_cast<WDFREQUEST>(handle()); }
+
+    // Cancellation asked by the sender (CancelIo, or its handle closing).
+    void cancel();
+
+    // ---- Framework internals (state under the scheduler's state lock) ----------------------
+    Place place = Place::Nowhere;
+    Queue* queue = nullptr;         // the queue holding it, or that delivered it
+    Queue* presented_by = nullptr;  // the dispatching queue that presented it
+    Device* owner_device = nullptr; // whose accounting holds it while the driver has it
+    bool cancelled = false;
+    bool stop_acknowledged = false;
+    bool sending = false; // a driver-made request in a synchronous send
+    PFN_WDF_REQUEST_CANCEL cancel_routine = nullptr;
+    NTSTATUS status = STATUS_SUCCESS;
+    ULONG_PTR information = 0;
+    Memory* input_memory = nullptr;
+    Memory* output_memory = nullptr;
+
+    // Completes it (the caller checked ownership) and deletes the object.
+    void finish(NTSTATUS status, ULONG_PTR information);
+    bool driver_may_delete() const override { return created_by_driver_; }
+
+  private:
+    Major major_ = Major::DeviceControl;
+    ULONG code_ = 0;
+    Buffers buffers_;
+    Completion completion_;
+    bool created_by_driver_ = false;
+};
+
+class Queue final : public Object
+{
+  public:
+    Queue(Device* device, const WDF_IO_QUEUE_CONFIG& config, bool power_managed)
+        : Object(Kind::Queue), device_(device), config_(config), power_managed_(power_managed)
+    {
+    }
+
+    Device* owner() const { return device_; }
+    const WDF_IO_QUEUE_CONFIG& config() const { return config_; }
+    bool power_managed() const { return power_managed_; }
+    WDFQUEUE wdf() const { return static_cast<WDFQUEUE>(handle()); }
+
+    // Takes a request (from the I/O manager or forwarded) and delivers what it can.
+    NTSTATUS enqueue(const std::shared_ptr<Request>& request);
+    NTSTATUS retrieve(WDFREQUEST* request);
+    // Power-managed queues run only in D0.
+    void set_running(bool running);
+    // Delivers queued requests while the queue may present more.
+    void deliver();
+    // Completes everything it holds with STATUS_CANCELLED and refuses new requests.
+    void purge();
+    // A request it delivered is no longer with the driver.
+    void presented_done();
+    // Takes a queued request out for cancellation; false when it is not in this queue.
+    bool take(Request* request);
+
+    bool driver_may_delete() const override;
+    void teardown() override { purge(); }
+
+  private:
+    bool can_present() const;
+    void present(const std::shared_ptr<Request>& request);
+
+    Device* device_;
+    WDF_IO_QUEUE_CONFIG config_;
+    bool power_managed_;
+    bool running_ = false;
+    bool accepting_ = true;
+    std::size_t presented_ = 0;
+    std::deque<std::shared_ptr<Request>> pending_;
+};
+
+} // namespace mvgps::wdf

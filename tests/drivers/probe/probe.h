@@ -1,0 +1,34 @@
+// The probe driver's interface: control codes that make it show one framework behaviour
+// each, shared by the driver and the tests that load it. Parameters (registry values):
+//   QueuePowerManaged  0 or 1 (default 1): the default queue's power management
+//   AllowForward       0 or 1 (default 1): whether the child may forward to its parent
+#pragma once
+
+#include <wdm.h>
+
+#define PROBE_POOL_TAG 0x45425250u // 'PRBE'
+
+#define PROBE_CODE(n) CTL_CODE(FILE_DEVICE_UNKNOWN, 0x900 + (n), METHOD_BUFFERED, FILE_ANY_ACCESS)
+#define IOCTL_PROBE_ECHO PROBE_CODE(0)      // output = input reversed, Information = in
+#define IOCTL_PROBE_PARK PROBE_CODE(1)      // forwarded to a manual queue
+#define IOCTL_PROBE_RETRIEVE PROBE_CODE(2)  // completes one parked request; status = retrieve's
+#define IOCTL_PROBE_HOLD PROBE_CODE(3)      // kept by the driver until RELEASE
+#define IOCTL_PROBE_RELEASE PROBE_CODE(4)   // completes the held request
+#define IOCTL_PROBE_WHERE PROBE_CODE(5)     // output: the callback's thread and IRQL
+#define IOCTL_PROBE_LOADS PROBE_CODE(6)     // output: DriverEntry calls since this load
+#define IOCTL_PROBE_ADD_CHILD PROBE_CODE(7) // a work item reports the child, twice
+#define IOCTL_PROBE_DOUBLE_COMPLETE PROBE_CODE(8)
+#define IOCTL_PROBE_COMPLETE_PARKED PROBE_CODE(9)
+#define IOCTL_PROBE_RAISED_IRQL PROBE_CODE(10)
+#define IOCTL_PROBE_SPIN_LOCK_HELD PROBE_CODE(11)
+#define IOCTL_PROBE_LEAK_POOL PROBE_CODE(12)
+#define IOCTL_PROBE_USE_DELETED PROBE_CODE(13)
+
+struct PROBE_WHERE {
+    ULONG64 Thread;
+    ULONG Irql;
+};
+
+// {5C2D1E0A-8B3F-4E7A-9C61-0D2F4B8A7E13}
+DEFINE_GUID(GUID_DEVINTERFACE_PROBE, 0x5C2D1E0AL, 0x8B3F, 0x4E7A, 0x9C, 0x61, 0x0D, 0x2F, 0x4B,
+            0x8A, 0x7E, 0x13);

@@ -1,0 +1,122 @@
+#include <cstring>
+
+#include "probe_fixture.h"
+
+namespace mvgps::pnp::test
+{
+namespace
+{
+
+class IoTest : public ProbeTest
+{
+  protected:
+    void SetUp() override
+    {
+        ProbeTest::SetUp();
+        stack_ = make_stack();
+        ASSERT_EQ(stack_->bring_up(), STATUS_SUCCESS);
+        handle_ = open();
+    }
+    void TearDown() override
+    {
+        handle_.reset();
+        stack_.reset();
+    }
+
+  public:
+    std::unique_ptr<DeviceStack> stack_;
+    std::unique_ptr<ClientHandle> handle_;
+};
+
+TEST_F(IoTest, BufferedRequestsShareOneSystemBufferAndReturnInformationBytes)
+{
+    struct Case {
+        std::vector<std::uint8_t> in;
+        std::size_t out_length;
+        NTSTATUS status;
+        std::vector<std::uint8_t> out;
+    };
+    const Case cases[] = {
+        {{1, 2, 3, 4}, 4, STATUS_SUCCESS, {4, 3, 2, 1}},
+        {{1, 2}, 6, STATUS_SUCCESS, {2, 1, 0, 0, 0, 0}}, // only Information bytes come back
+        {{5, 6, 7}, 2, STATUS_BUFFER_TOO_SMALL, {0, 0}},
+        {{}, 4, STATUS_BUFFER_TOO_SMALL, {0, 0, 0, 0}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.in.size());
+        std::vector<std::uint8_t> out(c.out_length, 0);
+        ULONG_PTR returned = 99;
+        EXPECT_EQ(handle_->ioctl(IOCTL_PROBE_ECHO, c.in, out, &returned), c.status);
+        EXPECT_EQ(out, c.out);
+        EXPECT_EQ(returned, NT_SUCCESS(c.status) ? c.in.size() : 0u);
+    }
+}
+
+TEST_F(IoTest, ParallelDefaultQueueRunsTheCallbackOnTheSendingThreadAtPassiveLevel)
+{
+    auto& s = sched::current();
+    for (int i = 0; i < 2; i++) {
+        ULONG64 sender = 0;
+        PROBE_WHERE where{};
+        auto client = s.spawn("client", [&] {
+            sender = reinterpret_cast<ULONG64>(KeGetCurrentThread());
+            std::vector<std::uint8_t> out(sizeof where);
+            ASSERT_EQ(call(*handle_, IOCTL_PROBE_WHERE, &out), STATUS_SUCCESS);
+            std::memcpy(&where, out.data(), sizeof where);
+        });
+        s.join(client);
+        EXPECT_EQ(where.Thread, sender);
+        EXPECT_EQ(where.Irql, static_cast<ULONG>(PASSIVE_LEVEL));
+    }
+}
+
+TEST_F(IoTest, ManualQueueHoldsRequestsUntilRetrievedAndEmptyReportsNoMoreEntries)
+{
+    EXPECT_EQ(call(*handle_, IOCTL_PROBE_RETRIEVE), STATUS_NO_MORE_ENTRIES);
+    auto parked = handle_->ioctl_async(IOCTL_PROBE_PARK, {}, 0);
+    EXPECT_FALSE(parked->done()) << "a request in a manual queue waits there";
+    EXPECT_EQ(call(*handle_, IOCTL_PROBE_RETRIEVE), STATUS_SUCCESS);
+    ASSERT_TRUE(parked->done());
+    EXPECT_EQ(parked->status(), STATUS_SUCCESS);
+}
+
+TEST_F(IoTest, PendingRequestsEndCancelledOnCancelCloseOrRemoval)
+{
+    struct Case {
+        const char* name;
+        void (*end)(IoTest&, PendingIo&);
+    };
+    const Case cases[] = {
+        {"CancelIo", [](IoTest&, PendingIo& io) { io.cancel(); }},
+        {"handle closed", [](IoTest& t, PendingIo&) { t.handle_->close(); }},
+        {"device removed", [](IoTest& t, PendingIo&) { t.stack_->remove(); }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (!stack_->fdo()) {
+            ASSERT_EQ(stack_->enable(), STATUS_SUCCESS);
+        }
+        handle_ = open();
+        auto parked = handle_->ioctl_async(IOCTL_PROBE_PARK, {}, 0);
+        ASSERT_FALSE(parked->done());
+        c.end(*this, *parked);
+        ASSERT_TRUE(parked->done());
+        EXPECT_EQ(parked->status(), STATUS_CANCELLED);
+    }
+}
+
+TEST_F(IoTest, PowerManagedQueueDeliversOnlyInD0)
+{
+    ASSERT_EQ(stack_->sleep(), STATUS_SUCCESS);
+    std::vector<std::uint8_t> in{9, 8};
+    auto echo = handle_->ioctl_async(IOCTL_PROBE_ECHO, in, 2);
+    EXPECT_FALSE(echo->done()) << "held while the device sleeps";
+    ASSERT_EQ(stack_->wake(), STATUS_SUCCESS);
+    ASSERT_TRUE(echo->done());
+    EXPECT_EQ(echo->status(), STATUS_SUCCESS);
+    EXPECT_EQ(std::vector<std::uint8_t>(echo->output().begin(), echo->output().end()),
+              (std::vector<std::uint8_t>{8, 9}));
+}
+
+} // namespace
+} // namespace mvgps::pnp::test
