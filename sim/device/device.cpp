@@ -1,0 +1,80 @@
+#include "sim/device/device.h"
+
+#include <cstdio>
+
+#include "pnp/system.h"
+
+namespace mvgps::sim {
+
+namespace {
+
+pnp::NodeConfig node(const DeviceConfig& c)
+{
+    pnp::NodeConfig n;
+    n.image = c.image;
+    n.parameters[u"BaudRateIndex"] = c.rate;
+    n.resources.push_back(pnp::uart_connection(c.connection_id));
+    return n;
+}
+
+} // namespace
+
+HostedDevice::HostedDevice(DeviceConfig config, std::unique_ptr<uart::TtyLine> tty)
+    : connection_id_(config.connection_id), tty_(std::move(tty))
+{
+    config.port.line.rate = config.rate;
+    Line* line = tty_.get();
+    if (line == nullptr) {
+        wire_ = std::make_unique<uart::Wire>();
+        config.chip.rate = config.rate;
+        chip_ = std::make_unique<chip::Chip>(wire_->b(), config.chip);
+        line = &wire_->a();
+    }
+    controller_ = std::make_shared<uart::SerialController>(*line, config.port);
+    pnp::map_resource_hub(connection_id_, controller_);
+    stack_ = std::make_unique<pnp::DeviceStack>(node(config));
+}
+
+HostedDevice::~HostedDevice()
+{
+    stack_.reset();
+    pnp::unmap_resource_hub(connection_id_);
+    controller_.reset();
+    chip_.reset();
+    wire_.reset();
+    tty_.reset();
+}
+
+std::unique_ptr<HostedDevice> HostedDevice::start(DeviceConfig config, std::string& error)
+{
+    std::unique_ptr<uart::TtyLine> tty;
+    if (!config.tty.empty()) {
+        if (sched::current().mode() != sched::Mode::Realtime) {
+            error = "a real serial port needs the realtime scheduler";
+            return nullptr;
+        }
+        tty = uart::TtyLine::open(config.tty, error);
+        if (!tty) {
+            return nullptr;
+        }
+    } else if (!config.capture.empty()) {
+        auto capture = chip::Capture::load(config.capture);
+        if (!capture) {
+            error = config.capture + ": no NMEA capture there";
+            return nullptr;
+        }
+        config.chip.capture = std::make_shared<const chip::Capture>(std::move(*capture));
+    }
+    auto device = std::make_unique<HostedDevice>(std::move(config), std::move(tty));
+    const NTSTATUS status = device->stack().bring_up();
+    if (!NT_SUCCESS(status)) {
+        char text[64];
+        std::snprintf(text, sizeof text, "the device did not start: status 0x%08x",
+                      static_cast<unsigned>(status));
+        error = text;
+        return nullptr;
+    }
+    return device;
+}
+
+} // namespace mvgps::sim
