@@ -4,9 +4,11 @@
 
 #include "pnp/system.h"
 
-namespace mvgps::sim {
+namespace mvgps::sim
+{
 
-namespace {
+namespace
+{
 
 pnp::NodeConfig node(const DeviceConfig& c)
 {

@@ -14,7 +14,8 @@
 #include "sim/uart/tty_line.h"
 #include "sim/uart/wire.h"
 
-namespace mvgps::sim {
+namespace mvgps::sim
+{
 
 // The Resource Hub id of the device's UART.
 inline constexpr std::uint64_t kUartConnectionId = 0x0000000100000002ull;
@@ -29,8 +30,9 @@ struct DeviceConfig {
     uart::ControllerConfig port;
 };
 
-class HostedDevice {
-public:
+class HostedDevice
+{
+  public:
     // Builds the world and brings the device up; null, with the reason, when that fails.
     static std::unique_ptr<HostedDevice> start(DeviceConfig config, std::string& error);
 
@@ -47,7 +49,7 @@ public:
     chip::Chip* chip() { return chip_.get(); }
     uart::Wire* wire() { return wire_.get(); }
 
-private:
+  private:
     const std::uint64_t connection_id_;
     std::unique_ptr<uart::TtyLine> tty_;
     std::unique_ptr<uart::Wire> wire_;

@@ -7,15 +7,28 @@
 #include "pnp/client.h"
 #include "pnp/system.h"
 #include "sim/device/device.h"
+#include "sim_testkit/client.h"
 #include "uart_probe.h"
 
-namespace mvgps::sim {
-namespace {
+namespace mvgps::sim
+{
+namespace
+{
 
 using Bytes = std::vector<std::uint8_t>;
 
-class HostedDeviceTest : public ::testing::Test {
-protected:
+DeviceConfig config(std::string image, std::string capture = {}, std::string tty = {})
+{
+    DeviceConfig c;
+    c.image = std::move(image);
+    c.capture = std::move(capture);
+    c.tty = std::move(tty);
+    return c;
+}
+
+class HostedDeviceTest : public ::testing::Test
+{
+  protected:
     std::unique_ptr<HostedDevice> start(DeviceConfig c = {})
     {
         c.image = UART_PROBE_PATH;
@@ -29,7 +42,8 @@ protected:
         return device;
     }
 
-    UPROBE_RESULT serial(ULONG code, const SERIAL_TIMEOUTS& t)
+    template <class T>
+    UPROBE_RESULT serial(ULONG code, const T& t)
     {
         Bytes in(sizeof code + sizeof t);
         std::memcpy(in.data(), &code, sizeof code);
@@ -97,7 +111,8 @@ TEST_F(HostedDeviceTest, SynchronousReadsEndAsTheFrameworkReportsThem)
     ASSERT_NE(device, nullptr);
     for (const auto& c : cases) {
         device->chip()->set_power(c.chip_on);
-        EXPECT_EQ(serial(IOCTL_SERIAL_PURGE, {0x0A}).Status, STATUS_SUCCESS) << c.name;
+        testkit::run_for(60 * sched::kMillisecond); // past the chip's boot
+        EXPECT_EQ(serial(IOCTL_SERIAL_PURGE, ULONG{0x0A}).Status, STATUS_SUCCESS) << c.name;
         ASSERT_EQ(serial(IOCTL_SERIAL_SET_TIMEOUTS, c.timeouts).Status, STATUS_SUCCESS) << c.name;
         Bytes data;
         const UPROBE_RESULT r = read(50, data);
@@ -114,9 +129,9 @@ TEST_F(HostedDeviceTest, SaysWhatKeepsItFromStarting)
         DeviceConfig config;
         const char* reason;
     } cases[] = {
-        {"missing capture", {UART_PROBE_PATH, 921600, "/nonexistent.log"}, "/nonexistent.log"},
-        {"missing driver", {"/nonexistent.so"}, "did not start"},
-        {"real port under simulation", {UART_PROBE_PATH, 921600, "", "/dev/ttyS0"}, "realtime"},
+        {"missing capture", config(UART_PROBE_PATH, "/nonexistent.log"), "/nonexistent.log"},
+        {"missing driver", config("/nonexistent.so"), "did not start"},
+        {"real port under simulation", config(UART_PROBE_PATH, "", "/dev/ttyS0"), "realtime"},
     };
     for (auto& c : cases) {
         std::string error;
