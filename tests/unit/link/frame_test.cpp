@@ -49,73 +49,45 @@ TEST_F(FrameTest, CrcIsXmodem)
 struct BuildCase {
     const char* name;
     std::uint8_t crc, pid, sid;
-    Bytes payload;
-    bool null_payload_with_length_zero;
-    Bytes expected; // the whole transmitted buffer
+    const char* payload;
+    const char* expected; // the whole transmitted buffer
 };
 
 TEST_F(FrameTest, BuildsPaddedFrames)
 {
-    const std::uint8_t payload6[] = {1, 2, 3, 4, 5, 6};
     const BuildCase cases[] = {
-        {"crc, no payload",
-         1,
-         0xFF,
-         2,
-         {},
-         false,
-         {0xA5, 0x80, 0x02, 0xFF, 0x02, 0x90, 0xE5, 0xA5}},
-        {"no crc, no payload",
-         0,
-         0x20,
-         6,
-         {},
-         false,
-         {0xA5, 0x00, 0x02, 0x20, 0x06, 0xA5, 0xFF, 0xFF}},
-        {"crc, one byte",
-         1,
-         0x04,
-         0x01,
-         {0x5A},
-         false,
-         {0xA5, 0x80, 0x05, 0x04, 0x01, 0x00, 0x01, 0x5A, 0xDF, 0xC4, 0xA5, 0xFF, 0xFF, 0xFF, 0xFF,
-          0xFF}},
-        {"no crc, six bytes",
-         0,
-         0x06,
-         0,
-         Bytes(payload6, payload6 + 6),
-         false,
-         {0xA5, 0x00, 0x0A, 0x06, 0x00, 0x00, 0x06, 1, 2, 3, 4, 5, 6, 0xA5, 0xFF, 0xFF}},
-        // A payload pointer with length 0 is no payload at all.
-        {"payload pointer, length 0",
-         0,
-         0x20,
-         6,
-         {},
-         true,
-         {0xA5, 0x00, 0x02, 0x20, 0x06, 0xA5, 0xFF, 0xFF}},
+        {"crc, no payload", 1, 0xFF, 2, "", "A5 80 02 FF 02 90 E5 A5"},
+        {"no crc, no payload", 0, 0x20, 6, "", "A5 00 02 20 06 A5 FF FF"},
+        {"crc, one byte", 1, 0x04, 1, "5A", "A5 80 05 04 01 00 01 5A DF C4 A5 FF FF FF FF FF"},
+        {"no crc, six bytes", 0, 0x06, 0, "01 02 03 04 05 06",
+         "A5 00 0A 06 00 00 06 01 02 03 04 05 06 A5 FF FF"},
     };
     for (const BuildCase& c : cases) {
         SCOPED_TRACE(c.name);
-        const UCHAR* payload = c.payload.empty() ? nullptr : c.payload.data();
-        if (c.null_payload_with_length_zero) {
-            payload = payload6;
-        }
-        hci_tx_packet* packet = create_hci_tx_packet(c.crc, c.pid, c.sid, payload,
-                                                     static_cast<USHORT>(c.payload.size()));
+        const Bytes payload = hex(c.payload);
+        hci_tx_packet* packet =
+            create_hci_tx_packet(c.crc, c.pid, c.sid, payload.empty() ? nullptr : payload.data(),
+                                 static_cast<USHORT>(payload.size()));
         ASSERT_NE(packet, nullptr);
-        EXPECT_EQ(Bytes(packet->buffer, packet->buffer + packet->buffer_len), c.expected);
+        EXPECT_EQ(Bytes(packet->buffer, packet->buffer + packet->buffer_len), hex(c.expected));
         EXPECT_EQ(packet->crc_flag, c.crc);
         EXPECT_EQ(packet->pid, c.pid);
         EXPECT_EQ(packet->sid, c.sid);
-        const bool has_payload = !c.payload.empty();
+        const bool has_payload = !payload.empty();
         EXPECT_EQ(packet->has_payload, has_payload ? 1 : 0);
-        EXPECT_EQ(packet->payload_len, c.payload.size());
-        EXPECT_EQ(packet->payload_len_copy, c.payload.size());
+        EXPECT_EQ(packet->payload_len, payload.size());
+        EXPECT_EQ(packet->payload_len_copy, payload.size());
         EXPECT_EQ(packet->payload, has_payload ? packet->buffer + 7 : nullptr);
         free_hci_tx_packet(packet);
     }
+
+    // A payload pointer with length 0 is no payload at all.
+    const UCHAR ignored = 0x42;
+    hci_tx_packet* packet = create_hci_tx_packet(0, 0x20, 6, &ignored, 0);
+    ASSERT_NE(packet, nullptr);
+    EXPECT_EQ(Bytes(packet->buffer, packet->buffer + packet->buffer_len), hex(cases[1].expected));
+    EXPECT_EQ(packet->payload, nullptr);
+    free_hci_tx_packet(packet);
 }
 
 TEST_F(FrameTest, PayloadLengthLimits)

@@ -36,6 +36,21 @@ inline LONG record_frame(const UCHAR* frame, USHORT len, UCHAR crc_flag, PVOID c
     return recorder->result;
 }
 
+// "A5 80 02": bytes written as hex pairs.
+inline Bytes hex(const char* text)
+{
+    Bytes bytes;
+    for (const char* p = text; *p != '\0';) {
+        if (*p == ' ') {
+            p++;
+            continue;
+        }
+        bytes.push_back(static_cast<std::uint8_t>(std::stoi(std::string(p, 2), nullptr, 16)));
+        p += 2;
+    }
+    return bytes;
+}
+
 // The frame exactly as the driver transmits it; padded keeps the 0xFF fill after the tail.
 inline Bytes tx_frame(std::uint8_t crc, std::uint8_t pid, std::uint8_t sid,
                       const Bytes& payload = {}, bool padded = false)

@@ -283,6 +283,12 @@ TEST_F(ReassemblyTest, CarryOverLosses)
          {{0xA5, 0xFF}, concat({{0xFF, 0xFF, 0xFF}, a}), b},
          {a, b},
          "Partial pkt in circ after copying, l 11, circ_pn 4101"},
+        // The same for padding alone: what is left becomes the start, and does not begin
+        // with a sync byte, so the next read goes with it.
+        {"padding after a sync byte, valid identifiers",
+         {{0xA5, 0xFF}, concat({{0x00, 0x01, 0x01}, a}), b, b},
+         {b},
+         "Partial pkt in circ after copying, l 14, circ_pn 261"},
         // A held start that does not begin with a sync byte takes the next read with it.
         {"held bytes without sync",
          {{0xA5, 0xFF}, {0xFF, 0xFF, 0xFF, 0x01, 0x02}, a, b},
