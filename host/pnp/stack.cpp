@@ -37,9 +37,15 @@ DeviceStack::~DeviceStack()
 {
     unload();
     auto& s = sched::current();
+    std::vector<sched::Thread*> threads;
+    {
+        sched::StateLock lock(s);
+        threads.swap(enumerations_);
+    }
+    for (sched::Thread* t : threads) {
+        s.join(t);
+    }
     sched::StateLock lock(s);
-    s.wait(enumerations_done_, "PnP enumeration to finish", sched::kForever,
-           [this] { return enumerations_running_ == 0; });
     stacks().erase(std::remove(stacks().begin(), stacks().end(), this), stacks().end());
 }
 
@@ -63,11 +69,9 @@ NTSTATUS DeviceStack::add()
     if (wdf::ChildList* list = device->child_list()) {
         list->set_invalidate_hook([this](wdf::ChildList&) {
             auto& s = sched::current();
-            {
-                sched::StateLock lock(s);
-                enumerations_running_++;
-            }
-            s.spawn("PnP enumeration", [this] { enumerate(); });
+            sched::Thread* thread = s.spawn("PnP enumeration", [this] { enumerate(); });
+            sched::StateLock lock(s);
+            enumerations_.push_back(thread);
         });
     }
     sched::StateLock lock(sched::current());
@@ -77,23 +81,17 @@ NTSTATUS DeviceStack::add()
 
 void DeviceStack::enumerate()
 {
-    {
-        PnpOperation op(pnp_lock_);
-        if (fdo_ && fdo_->child_list()) {
-            for (wdf::Device* child : fdo_->child_list()->enumerate()) {
-                child->start({});
-            }
-            std::size_t count = fdo_->child_list()->children().size();
-            auto& s = sched::current();
-            sched::StateLock lock(s);
-            started_children_ = count;
-            s.wake(children_changed_);
+    PnpOperation op(pnp_lock_);
+    if (fdo_ && fdo_->child_list()) {
+        for (wdf::Device* child : fdo_->child_list()->enumerate()) {
+            child->start({});
         }
+        std::size_t count = fdo_->child_list()->children().size();
+        auto& s = sched::current();
+        sched::StateLock lock(s);
+        started_children_ = count;
+        s.wake(children_changed_);
     }
-    auto& s = sched::current();
-    sched::StateLock lock(s);
-    enumerations_running_--;
-    s.wake(enumerations_done_);
 }
 
 NTSTATUS DeviceStack::start()

@@ -69,8 +69,7 @@ class DeviceStack
     wdf::Device* fdo_ = nullptr;
     std::size_t started_children_ = 0;
     sched::WaitList children_changed_;
-    std::size_t enumerations_running_ = 0;
-    sched::WaitList enumerations_done_;
+    std::vector<sched::Thread*> enumerations_;
 };
 
 } // namespace mvgps::pnp

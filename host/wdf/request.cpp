@@ -198,7 +198,9 @@ void Queue::deliver()
         }
         if (work) {
             auto self = std::static_pointer_cast<Queue>(Objects::hold(this));
-            s.spawn("queue delivery", [self] { self->deliver(); });
+            sched::Thread* thread = s.spawn("queue delivery", [self] { self->deliver(); });
+            sched::StateLock lock(s);
+            deliverers_.push_back(thread);
         }
         return;
     }
@@ -251,6 +253,22 @@ void Queue::present(const std::shared_ptr<Request>& request)
         return;
     }
     request->finish(STATUS_INVALID_DEVICE_REQUEST, 0);
+}
+
+void Queue::teardown()
+{
+    purge();
+    auto& s = sched::current();
+    std::vector<sched::Thread*> threads;
+    {
+        sched::StateLock lock(s);
+        threads.swap(deliverers_);
+    }
+    for (sched::Thread* t : threads) {
+        if (t != s.self()) {
+            s.join(t);
+        }
+    }
 }
 
 void Queue::purge()

@@ -8,6 +8,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "sched/sched.h"
 #include "wdf/object.h"
@@ -127,7 +128,7 @@ class Queue final : public Object
     bool take(Request* request);
 
     bool driver_may_delete() const override;
-    void teardown() override { purge(); }
+    void teardown() override;
 
   private:
     bool can_present() const;
@@ -140,6 +141,7 @@ class Queue final : public Object
     bool accepting_ = true;
     std::size_t presented_ = 0;
     std::deque<std::shared_ptr<Request>> pending_;
+    std::vector<sched::Thread*> deliverers_;
 };
 
 } // namespace mvgps::wdf

@@ -1,5 +1,7 @@
 // Work items: a callback run later on a system worker thread. Items of one device run one
 // at a time; deleting an item waits for its callback to finish.
+#include <vector>
+
 #include "wdf/device.h"
 #include "wdf/rules.h"
 
@@ -16,7 +18,7 @@ class WorkItem final : public Object
     WDF_WORKITEM_CONFIG config;
     bool queued = false;
     sched::Thread* runner = nullptr;
-    sched::WaitList idle;
+    std::vector<sched::Thread*> threads;
 
     void run()
     {
@@ -34,22 +36,27 @@ class WorkItem final : public Object
         {
             sched::StateLock lock(s);
             runner = nullptr;
-            s.wake(idle);
         }
         if (dev) {
             dev->work_lock().unlock();
         }
     }
 
-    // Waits until the callback is neither queued nor running, unless it is the caller.
+    // Waits until every run has ended, unless the caller is the callback itself.
     void flush()
     {
         auto& s = sched::current();
-        sched::StateLock lock(s);
-        if (runner == s.self()) {
-            return;
+        std::vector<sched::Thread*> runs;
+        {
+            sched::StateLock lock(s);
+            if (runner == s.self()) {
+                return;
+            }
+            runs.swap(threads);
         }
-        s.wait(idle, "work item to finish", sched::kForever, [this] { return !queued && !runner; });
+        for (sched::Thread* t : runs) {
+            s.join(t);
+        }
     }
 
     void teardown() override { flush(); }
@@ -96,7 +103,9 @@ VOID WdfWorkItemEnqueue(WDFWORKITEM WorkItem)
         item->queued = true;
     }
     auto hold = std::static_pointer_cast<wdf::WorkItem>(Objects::hold(item));
-    s.spawn("work item", [hold] { hold->run(); });
+    sched::Thread* thread = s.spawn("work item", [hold] { hold->run(); });
+    sched::StateLock lock(s);
+    item->threads.push_back(thread);
 }
 
 WDFOBJECT WdfWorkItemGetParentObject(WDFWORKITEM WorkItem)

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "sched/sched.h"
+#include "wdf/device.h"
 #include "wdf/driver.h"
 
 namespace mvgps::wdf::test
@@ -28,6 +29,17 @@ class FrameworkTest : public ::testing::Test
         if (system_.framework_driver) {
             Objects::get<Driver>(driver_, Kind::Driver, "test")->unload();
         }
+    }
+
+    // A function device of the test driver, as its EvtDriverDeviceAdd would create it.
+    WDFDEVICE make_device(PWDF_OBJECT_ATTRIBUTES attributes = WDF_NO_OBJECT_ATTRIBUTES)
+    {
+        WDFDEVICE_INIT init;
+        init.driver = Objects::get<Driver>(driver_, Kind::Driver, "test");
+        PWDFDEVICE_INIT record = &init;
+        WDFDEVICE device = nullptr;
+        EXPECT_EQ(WdfDeviceCreate(&record, attributes, &device), STATUS_SUCCESS);
+        return device;
     }
 
     sched::Install sched_{sched::make_simulated(sched::seed_from_env())};
