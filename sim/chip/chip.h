@@ -9,8 +9,9 @@
 //     epoch per epoch period and one frame per sentence: pid 0x31, sid 0, the sentence and
 //     CRLF as payload. Clients recognise NMEA by its content, not by these identifiers.
 // Every burst (an epoch, an answer) leaves as one run of bytes. The baud-rate command is
-// answered at the old rate; the chip switches once that answer has left. A sleeping chip
-// sends nothing and wakes on the next frame it hears, which it then serves.
+// answered at the old rate; the chip switches once that answer has left. The sleep command
+// (pid 0x20, sid 8) is answered, then the chip sends nothing until it hears the next frame,
+// which wakes it and is served.
 //
 // Time and randomness come from the scheduler: the chip runs one thread ("chip") that sends
 // what is due and sleeps until the next thing is.

@@ -71,7 +71,6 @@ class FaultScript
 {
   public:
     void arm(const Fault& f) { armed_.push_back(f); }
-    void clear() { armed_.clear(); }
     // The first armed command fault matching pid/sid, with one use consumed.
     std::optional<Fault> take_command(std::uint8_t pid, std::uint8_t sid);
     FrameDamage take_frame(Output kind);

@@ -38,7 +38,6 @@ class Client final : public LineReceiver
 
     std::vector<Received> received() const;
     std::vector<std::uint8_t> raw() const;
-    const chip::FrameParser::Counters& counters() const { return parser_.counters(); }
     void clear();
 
     void on_bytes(std::span<const std::uint8_t> bytes, sched::Nanos arrival) override;
