@@ -47,6 +47,8 @@ static EVT_WDF_DEVICE_SURPRISE_REMOVAL ProbeSurpriseRemoval;
 static EVT_WDF_IO_QUEUE_IO_DEVICE_CONTROL ProbeDeviceControl;
 static EVT_WDF_IO_QUEUE_IO_DEVICE_CONTROL ProbeChildDeviceControl;
 static EVT_WDF_CHILD_LIST_CREATE_DEVICE ProbeCreateChild;
+static EVT_WDF_DEVICE_PREPARE_HARDWARE ProbeChildPrepareHardware;
+static EVT_WDF_DEVICE_RELEASE_HARDWARE ProbeChildReleaseHardware;
 static EVT_WDF_WORKITEM ProbeAddChildWork;
 
 static ULONG ReadParameter(WDFDRIVER Driver, PCUNICODE_STRING Name, ULONG Default)
@@ -242,6 +244,7 @@ static NTSTATUS ProbeCreateChild(WDFCHILDLIST ChildList,
                                  PWDFDEVICE_INIT ChildInit)
 {
     DECLARE_CONST_UNICODE_STRING(hardwareId, L"PROBE\\CHILD");
+    WDF_PNPPOWER_EVENT_CALLBACKS pnp;
     WDF_IO_QUEUE_CONFIG queueConfig;
     WDFDEVICE child;
     NTSTATUS status;
@@ -258,6 +261,10 @@ static NTSTATUS ProbeCreateChild(WDFCHILDLIST ChildList,
     if (g_AllowForward) {
         WdfPdoInitAllowForwardingRequestToParent(ChildInit);
     }
+    WDF_PNPPOWER_EVENT_CALLBACKS_INIT(&pnp);
+    pnp.EvtDevicePrepareHardware = ProbeChildPrepareHardware;
+    pnp.EvtDeviceReleaseHardware = ProbeChildReleaseHardware;
+    WdfDeviceInitSetPnpPowerEventCallbacks(ChildInit, &pnp);
     status = WdfDeviceCreate(&ChildInit, WDF_NO_OBJECT_ATTRIBUTES, &child);
     if (!NT_SUCCESS(status)) {
         return status;
@@ -266,6 +273,24 @@ static NTSTATUS ProbeCreateChild(WDFCHILDLIST ChildList,
     queueConfig.EvtIoDeviceControl = ProbeChildDeviceControl;
     queueConfig.PowerManaged = WdfFalse;
     return WdfIoQueueCreate(child, &queueConfig, WDF_NO_OBJECT_ATTRIBUTES, WDF_NO_HANDLE);
+}
+
+static NTSTATUS ProbeChildPrepareHardware(WDFDEVICE Device, WDFCMRESLIST Raw,
+                                          WDFCMRESLIST Translated)
+{
+    UNREFERENCED_PARAMETER(Device);
+    UNREFERENCED_PARAMETER(Raw);
+    UNREFERENCED_PARAMETER(Translated);
+    LOG("ChildPrepareHardware\n");
+    return STATUS_SUCCESS;
+}
+
+static NTSTATUS ProbeChildReleaseHardware(WDFDEVICE Device, WDFCMRESLIST Translated)
+{
+    UNREFERENCED_PARAMETER(Device);
+    UNREFERENCED_PARAMETER(Translated);
+    LOG("ChildReleaseHardware\n");
+    return STATUS_SUCCESS;
 }
 
 static VOID ProbeChildDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t OutputBufferLength,

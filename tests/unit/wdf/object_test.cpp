@@ -111,6 +111,25 @@ TEST_F(ObjectTest, InjectedCreationFailureLeavesNoObject)
     faults::clear();
 }
 
+TEST_F(ObjectTest, RandomCreationFaultsReplayFromTheirSeed)
+{
+    auto pattern = [](std::uint64_t seed) {
+        faults::add(faults::fail_random(faults::Site::Create, seed, 0.5));
+        std::string out;
+        for (int i = 0; i < 32; i++) {
+            WDFWAITLOCK lock;
+            out += NT_SUCCESS(WdfWaitLockCreate(WDF_NO_OBJECT_ATTRIBUTES, &lock)) ? '.' : 'x';
+        }
+        faults::clear();
+        return out;
+    };
+    std::string first = pattern(7);
+    EXPECT_EQ(pattern(7), first);
+    EXPECT_NE(pattern(8), first);
+    EXPECT_NE(first.find('x'), std::string::npos);
+    EXPECT_NE(first.find('.'), std::string::npos);
+}
+
 TEST_F(ObjectTest, RegistryParametersAreReadCaseInsensitively)
 {
     system_.parameters[u"BaudRateIndex"] = 115200;
