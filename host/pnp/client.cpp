@@ -65,7 +65,7 @@ NTSTATUS ClientHandle::open_device(wdf::Device* device, std::unique_ptr<ClientHa
     if (!device || device->pnp_state() != wdf::Device::Pnp::Started) {
         return STATUS_NO_SUCH_DEVICE;
     }
-    handle.reset(new ClientHandle(device));
+    handle.reset(new ClientHandle(device, wdf::Objects::hold(device)));
     return STATUS_SUCCESS;
 }
 

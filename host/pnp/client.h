@@ -67,9 +67,13 @@ class ClientHandle
     void close();
 
   private:
-    explicit ClientHandle(wdf::Device* device) : device_(device) {}
+    ClientHandle(wdf::Device* device, std::shared_ptr<void> hold)
+        : device_(device), hold_(std::move(hold))
+    {
+    }
 
     wdf::Device* device_;
+    std::shared_ptr<void> hold_; // keeps the device's record readable after its removal
     bool closed_ = false;
     std::vector<std::weak_ptr<PendingIo>> pending_;
 };

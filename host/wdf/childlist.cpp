@@ -72,14 +72,15 @@ std::vector<Device*> ChildList::enumerate()
             status = call_driver("EvtChildListCreateDevice", config_.EvtChildListCreateDevice,
                                  static_cast<WDFCHILDLIST>(handle()), header, &init);
         }
-        if (!NT_SUCCESS(status) && init.created) {
-            Objects::remove(init.created);
+        bool made = NT_SUCCESS(status) && init.created && !init.created->deleting();
+        if (!made && init.created) {
+            Objects::remove(init.created.get());
         }
         sched::StateLock lock(sched::current());
         entry->creating = false;
-        if (NT_SUCCESS(status) && init.created) {
-            entry->device = init.created;
-            created.push_back(init.created);
+        if (made) {
+            entry->device = init.created.get();
+            created.push_back(init.created.get());
         } else {
             entries_.remove_if([entry](const Entry& e) { return &e == entry; });
         }

@@ -77,17 +77,17 @@ NTSTATUS Device::add(Driver* driver, Device** device)
     note("EvtDriverDeviceAdd");
     NTSTATUS status =
         call_driver("EvtDriverDeviceAdd", add, static_cast<WDFDRIVER>(driver->handle()), record);
-    Device* created = init->created;
+    std::shared_ptr<Device> created = init->created;
     if (!NT_SUCCESS(status)) {
         if (created) {
-            Objects::remove(created);
+            Objects::remove(created.get());
         }
         return status;
     }
-    if (!created) {
+    if (!created || created->deleting()) {
         return STATUS_INVALID_DEVICE_STATE;
     }
-    *device = created;
+    *device = created.get();
     return STATUS_SUCCESS;
 }
 

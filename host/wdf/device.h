@@ -52,8 +52,8 @@ struct WDFDEVICE_INIT {
     std::vector<Text> texts;
     LCID default_locale = 0;
     bool forward_to_parent = false;
-    // The device WdfDeviceCreate made from this record.
-    mvgps::wdf::Device* created = nullptr;
+    // The device WdfDeviceCreate made from this record (held: the driver may delete it).
+    std::shared_ptr<mvgps::wdf::Device> created;
 };
 
 namespace mvgps::wdf

@@ -103,7 +103,7 @@ NTSTATUS WdfDeviceCreate(PWDFDEVICE_INIT* DeviceInit, PWDF_OBJECT_ATTRIBUTES Dev
         }
         device->attach_child_list(list.get());
     }
-    init->created = device.get();
+    init->created = device;
     *DeviceInit = nullptr;
     *Device = static_cast<WDFDEVICE>(device->handle());
     return STATUS_SUCCESS;

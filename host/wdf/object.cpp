@@ -138,6 +138,9 @@ NTSTATUS Objects::attach(const std::shared_ptr<Object>& object,
         }
     }
     sched::StateLock lock(sched::current());
+    if (parent && parent->state_ != Object::State::Live) {
+        return STATUS_DELETE_PENDING;
+    }
     object->handle_ = new_handle();
     if (context) {
         reinterpret_cast<ContextHeader*>(object->contexts_.back().block)->owner = object->handle_;

@@ -76,6 +76,9 @@ TEST_F(LifecycleTest, EveryLoadStartsWithFreshGlobals)
         handle.reset();
         ASSERT_EQ(stack->disable(), STATUS_SUCCESS);
         EXPECT_FALSE(DriverImage::mapped(PROBE_DRIVER_PATH));
+        EXPECT_EQ(ClientHandle::open_interface(GUID_DEVINTERFACE_PROBE, handle),
+                  STATUS_OBJECT_NAME_NOT_FOUND)
+            << "the interface went with the device";
     }
 }
 
