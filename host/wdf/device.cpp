@@ -386,6 +386,9 @@ NTSTATUS Device::power_up()
     {
         sched::StateLock lock(sched::current());
         power_ = PowerDeviceD0;
+        for (Request* r : owned_) {
+            r->stop_acknowledged = false; // an acknowledgement holds for one power-down
+        }
     }
     if (cb.EvtDeviceD0EntryPostInterruptsEnabled) {
         call_driver("EvtDeviceD0EntryPostInterruptsEnabled",

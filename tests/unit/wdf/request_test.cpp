@@ -190,6 +190,38 @@ TEST_F(RequestTest, DriverRequestsAreReusedAndMemoryObjectsOwnTheirPool)
     EXPECT_EQ(size, 1u);
 }
 
+VOID AcknowledgeStop(WDFQUEUE, WDFREQUEST request, ULONG action)
+{
+    g.events.push_back(action == WdfRequestStopActionSuspend ? "stop: suspend" : "stop: other");
+    WdfRequestStopAcknowledge(request, FALSE);
+}
+
+TEST_F(RequestTest, AcknowledgedStopLetsTheDeviceLeaveD0WithARequestInHand)
+{
+    WDF_IO_QUEUE_CONFIG config;
+    WDF_IO_QUEUE_CONFIG_INIT_DEFAULT_QUEUE(&config, WdfIoQueueDispatchParallel);
+    config.EvtIoDeviceControl = OnDeviceControl;
+    config.EvtIoStop = AcknowledgeStop;
+    ASSERT_EQ(WdfIoQueueCreate(device_, &config, WDF_NO_OBJECT_ATTRIBUTES, nullptr),
+              STATUS_SUCCESS);
+    Device* device = Objects::get<Device>(device_, Kind::Device, "test");
+    ASSERT_EQ(device->start({}), STATUS_SUCCESS);
+    g.complete_at_once = false;
+    Sent held;
+    send(kBuffered, held);
+    ASSERT_EQ(g.delivered.size(), 1u);
+
+    auto& s = sched::current();
+    sched::Nanos before = s.now();
+    EXPECT_EQ(device->set_power(PowerDeviceD3), STATUS_SUCCESS);
+    EXPECT_EQ(s.now(), before) << "no wait for the acknowledged request";
+    EXPECT_EQ(g.events, (std::vector<std::string>{"stop: suspend"}));
+    EXPECT_EQ(device->set_power(PowerDeviceD0), STATUS_SUCCESS);
+    WdfRequestComplete(g.delivered[0], STATUS_SUCCESS);
+    EXPECT_EQ(held.status, STATUS_SUCCESS);
+    device->remove(false);
+}
+
 using RequestDeathTest = RequestTest;
 
 TEST_F(RequestDeathTest, CompletingARequestTheDriverMadeStops)
