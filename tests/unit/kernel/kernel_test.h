@@ -1,4 +1,4 @@
-// Helpers for the kernel's tests: a simulated run per test and system threads to drive it.
+// Helpers for the kernel's tests: relative times and system threads to drive a simulated run.
 #pragma once
 
 #include <wdm.h>
@@ -6,9 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <memory>
-
-#include "sched/sched.h"
 
 namespace mvgps::kernel::test
 {
@@ -28,25 +25,15 @@ inline void delay_ms(LONGLONG ms)
     KeDelayExecutionThread(KernelMode, FALSE, &t);
 }
 
-inline LONGLONG elapsed_ms(ULONGLONG since)
-{
-    return (KeQueryInterruptTime() - since) / kMs;
-}
-
-// A system thread running `body`, referenced so that the test can wait for its end.
+// A system thread running `routine` (or `body`), referenced so that the test can wait for
+// its end.
 class SystemThread
 {
   public:
+    SystemThread(PKSTART_ROUTINE routine, PVOID context) { create(routine, context); }
     explicit SystemThread(std::function<void()> body) : body_(std::move(body))
     {
-        HANDLE handle;
-        EXPECT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
-                                       &SystemThread::start, this),
-                  STATUS_SUCCESS);
-        EXPECT_EQ(ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, nullptr, KernelMode,
-                                            &object_, nullptr),
-                  STATUS_SUCCESS);
-        ZwClose(handle);
+        create(&SystemThread::run, this);
     }
     SystemThread(const SystemThread&) = delete;
     SystemThread& operator=(const SystemThread&) = delete;
@@ -59,7 +46,18 @@ class SystemThread
     PVOID object() const { return object_; }
 
   private:
-    static VOID start(PVOID self) { static_cast<SystemThread*>(self)->body_(); }
+    void create(PKSTART_ROUTINE routine, PVOID context)
+    {
+        HANDLE handle;
+        EXPECT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
+                                       routine, context),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, *PsThreadType, KernelMode,
+                                            &object_, nullptr),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
+    }
+    static VOID run(PVOID self) { static_cast<SystemThread*>(self)->body_(); }
     std::function<void()> body_;
     PVOID object_ = nullptr;
 };

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <functional>
 
 #include "sched/sched.h"
@@ -17,44 +16,54 @@ namespace
 constexpr ULONG kTag = 0x31676154;    // 'Tag1'
 constexpr ULONG kBadTag = 0x31646142; // 'Bad1'
 
-LARGE_INTEGER ms(LONGLONG n)
+KIRQL raise(KIRQL level)
 {
-    LARGE_INTEGER t;
-    t.QuadPart = -n * 10'000;
-    return t;
+    KIRQL old;
+    KeRaiseIrql(level, &old);
+    return old;
 }
 
-KEVENT make_event()
+KEVENT* event()
 {
-    KEVENT e;
+    static KEVENT e;
     KeInitializeEvent(&e, NotificationEvent, FALSE);
-    return e;
+    return &e;
 }
 
-// Lets other threads run while this one stays at its IRQL.
-[[noreturn]] void spin()
+// A fresh spin lock that the calling thread holds.
+PKSPIN_LOCK held()
 {
-    KEVENT e = make_event();
-    for (;;) {
-        KeSetEvent(&e, 0, FALSE);
-    }
+    static KSPIN_LOCK l;
+    KeInitializeSpinLock(&l);
+    KeAcquireSpinLockRaiseToDpc(&l);
+    return &l;
 }
 
-VOID release_foreign(PVOID lock)
+char* pool(POOL_TYPE type = NonPagedPoolNx)
 {
-    KeReleaseSpinLock(static_cast<PKSPIN_LOCK>(lock), 0);
+    return static_cast<char*>(ExAllocatePoolWithTag(type, 10, kTag));
+}
+
+HANDLE start(PKSTART_ROUTINE routine, PVOID context = nullptr)
+{
+    HANDLE h;
+    PsCreateSystemThread(&h, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, routine, context);
+    return h;
+}
+
+VOID release_foreign(PVOID l)
+{
+    KeReleaseSpinLock(static_cast<PKSPIN_LOCK>(l), 0);
 }
 
 VOID return_raised(PVOID)
 {
-    KIRQL old;
-    KeRaiseIrql(DISPATCH_LEVEL, &old);
+    raise(DISPATCH_LEVEL);
 }
 
 VOID do_nothing(PVOID) {}
 
 struct Rule {
-    const char* name;
     std::function<void()> body;
     const char* report; // regular expression over the report
 };
@@ -62,147 +71,73 @@ struct Rule {
 TEST(KernelRules, BrokenRulesStopTheRun)
 {
     const Rule rules[] = {
-        {"wait with a timeout at DISPATCH_LEVEL",
-         [] {
-             KEVENT e = make_event();
-             KIRQL old;
-             KeRaiseIrql(DISPATCH_LEVEL, &old);
-             LARGE_INTEGER t = ms(50);
-             KeWaitForSingleObject(&e, Executive, KernelMode, FALSE, &t);
+        {[] {
+             raise(DISPATCH_LEVEL);
+             LARGE_INTEGER t{.QuadPart = -500'000};
+             KeWaitForSingleObject(event(), Executive, KernelMode, FALSE, &t);
          },
          "0x000000C4.*DRIVER_VERIFIER_DETECTED_VIOLATION.*KeWaitForSingleObject with a timeout "
          "at DISPATCH_LEVEL"},
-        {"wait forever at DISPATCH_LEVEL",
-         [] {
-             KEVENT e = make_event();
-             KIRQL old;
-             KeRaiseIrql(DISPATCH_LEVEL, &old);
-             KeWaitForSingleObject(&e, Executive, KernelMode, FALSE, nullptr);
-         },
-         "0x000000C4.*without a timeout at DISPATCH_LEVEL"},
-        {"delay under a spin lock",
-         [] {
-             KSPIN_LOCK lock;
-             KeInitializeSpinLock(&lock);
-             KeAcquireSpinLockRaiseToDpc(&lock);
-             LARGE_INTEGER t = ms(1);
-             KeDelayExecutionThread(KernelMode, FALSE, &t);
-         },
-         "0x000000C4.*KeDelayExecutionThread with a timeout at DISPATCH_LEVEL"},
-        {"wait on an event never initialised",
-         [] {
-             KEVENT e;
-             std::memset(&e, 0, sizeof e);
+        {[] {
+             KEVENT e{};
              KeWaitForSingleObject(&e, Executive, KernelMode, FALSE, nullptr);
          },
          "0x000000C4.*not an initialised event or thread"},
-        {"spin lock released by another thread",
-         [] {
-             KSPIN_LOCK lock;
-             KeInitializeSpinLock(&lock);
-             KeAcquireSpinLockRaiseToDpc(&lock);
-             HANDLE h;
-             PsCreateSystemThread(&h, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, release_foreign,
-                                  &lock);
-             spin();
+        {[] {
+             start(release_foreign, held());
+             for (KEVENT* e = event();;) {
+                 KeSetEvent(e, 0, FALSE); // let it run while this thread keeps the lock
+             }
          },
          "SPIN_LOCK_NOT_OWNED.*released by a thread that does not hold it"},
-        {"spin lock released while free",
-         [] {
-             KSPIN_LOCK lock;
-             KeInitializeSpinLock(&lock);
-             KeReleaseSpinLock(&lock, PASSIVE_LEVEL);
-         },
-         "SPIN_LOCK_NOT_OWNED.*released while it is free"},
-        {"spin lock acquired twice",
-         [] {
-             KSPIN_LOCK lock;
-             KeInitializeSpinLock(&lock);
-             KeAcquireSpinLockRaiseToDpc(&lock);
-             KeAcquireSpinLockRaiseToDpc(&lock);
-         },
-         "SPIN_LOCK_ALREADY_OWNED.*Thread: main.*at DISPATCH_LEVEL, holding 1 spin lock"},
-        {"spin lock at DPC level from PASSIVE_LEVEL",
-         [] {
-             KSPIN_LOCK lock;
-             KeInitializeSpinLock(&lock);
-             KeAcquireSpinLockAtDpcLevel(&lock);
+        {[] { KeAcquireSpinLockRaiseToDpc(held()); },
+         "SPIN_LOCK_ALREADY_OWNED.*Thread: main\n.*at DISPATCH_LEVEL, holding 1 spin lock.*"
+         "Seed:   5 .*main: acquired spin lock"},
+        {[] {
+             KSPIN_LOCK l;
+             KeInitializeSpinLock(&l);
+             KeAcquireSpinLockAtDpcLevel(&l);
          },
          "0x000000C4.*KeAcquireSpinLockAtDpcLevel called at PASSIVE_LEVEL"},
-        {"IRQL lowered while a spin lock is held",
-         [] {
-             KSPIN_LOCK lock;
-             KeInitializeSpinLock(&lock);
-             KeAcquireSpinLockRaiseToDpc(&lock);
+        {[] {
+             held();
              KeLowerIrql(PASSIVE_LEVEL);
          },
          "0x000000C4.*still holds a spin lock"},
-        {"IRQL raised to a lower level",
-         [] {
-             KIRQL old;
-             KeRaiseIrql(DISPATCH_LEVEL, &old);
-             KeRaiseIrql(PASSIVE_LEVEL, &old);
-         },
-         "0x00000009.*IRQL_NOT_GREATER_OR_EQUAL"},
-        {"pageable code at DISPATCH_LEVEL",
-         [] {
-             KIRQL old;
-             KeRaiseIrql(DISPATCH_LEVEL, &old);
+        {[] { raise(raise(DISPATCH_LEVEL)); }, "0x00000009.*IRQL_NOT_GREATER_OR_EQUAL"},
+        {[] {
+             raise(DISPATCH_LEVEL);
              PAGED_CODE();
          },
          "0x000000D1.*DRIVER_IRQL_NOT_LESS_OR_EQUAL.*pageable code .* runs at DISPATCH_LEVEL"},
-        {"pool freed twice",
-         [] {
-             void* p = ExAllocatePoolWithTag(NonPagedPoolNx, 8, kTag);
+        {[] {
+             char* p = pool();
              ExFreePoolWithTag(p, kTag);
              ExFreePoolWithTag(p, kTag);
          },
          "0x000000C2 \\(0x0000000000000007.*BAD_POOL_CALLER.*already freed"},
-        {"free of memory that is not pool",
-         [] {
-             static char not_pool[32];
-             ExFreePoolWithTag(not_pool + 16, 0);
-         },
-         "0x000000C2.*BAD_POOL_CALLER.*not pool"},
-        {"pool freed with the wrong tag",
-         [] {
-             void* p = ExAllocatePoolWithTag(NonPagedPoolNx, 8, kTag);
-             ExFreePoolWithTag(p, kBadTag);
-         },
+        {[] { ExFreePoolWithTag(pool(), kBadTag); },
          "0x000000C2 \\(0x000000000000000A.*with tag 'Bad1'.*allocated with tag 'Tag1'"},
-        {"pool allocated with tag 0", [] { ExAllocatePoolWithTag(NonPagedPoolNx, 8, 0); },
-         "0x000000C2.*pool tag 0"},
-        {"pool allocated above DISPATCH_LEVEL",
-         [] {
-             KIRQL old;
-             KeRaiseIrql(HIGH_LEVEL, &old);
-             ExAllocatePoolWithTag(NonPagedPoolNx, 8, kTag);
-         },
-         "0x000000C4.*ExAllocatePoolWithTag at a device IRQL"},
-        {"paged pool freed at DISPATCH_LEVEL",
-         [] {
-             void* p = ExAllocatePoolWithTag(PagedPool, 8, kTag);
-             KIRQL old;
-             KeRaiseIrql(DISPATCH_LEVEL, &old);
+        {[] { ExAllocatePoolWithTag(NonPagedPoolNx, 8, 0); }, "0x000000C2.*pool tag 0"},
+        {[] {
+             char* p = pool(PagedPool);
+             raise(DISPATCH_LEVEL);
              ExFreePool(p);
          },
          "0x000000C4.*ExFreePool of paged pool at DISPATCH_LEVEL"},
-        {"write past the end of a block",
-         [] {
-             auto* p = static_cast<char*>(ExAllocatePoolWithTag(NonPagedPoolNx, 10, kTag));
+        {[] {
+             char* p = pool();
              p[10] = 0;
              ExFreePool(p);
          },
          "SPECIAL_POOL_DETECTED_MEMORY_CORRUPTION.*past the end of the 10-byte block"},
-        {"write before the start of a block",
-         [] {
-             auto* p = static_cast<char*>(ExAllocatePoolWithTag(NonPagedPoolNx, 10, kTag));
+        {[] {
+             char* p = pool();
              p[-1] = 0;
              ExFreePool(p);
          },
          "BAD_POOL_HEADER.*header was overwritten"},
-        {"corrupt list entry",
-         [] {
+        {[] {
              LIST_ENTRY head, a;
              InitializeListHead(&head);
              InsertTailList(&head, &a);
@@ -210,24 +145,17 @@ TEST(KernelRules, BrokenRulesStopTheRun)
              RemoveEntryList(&a);
          },
          "0x00000139.*KERNEL_SECURITY_CHECK_FAILURE.*corrupt list entry"},
-        {"KeBugCheckEx", [] { KeBugCheckEx(0xE2, 1, 2, 3, 4); },
+        {[] { KeBugCheckEx(0xE2, 1, 2, 3, 4); },
          "0x000000E2 \\(0x0000000000000001, 0x0000000000000002.*called KeBugCheckEx"},
-        {"system thread returning at DISPATCH_LEVEL",
-         [] {
-             HANDLE h;
-             PsCreateSystemThread(&h, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, return_raised,
-                                  nullptr);
-             LARGE_INTEGER t = ms(1000);
+        {[] {
+             start(return_raised);
+             LARGE_INTEGER t{.QuadPart = -10'000'000};
              KeDelayExecutionThread(KernelMode, FALSE, &t);
          },
          "0x000000C4.*system thread .* returned at DISPATCH_LEVEL"},
-        {"closing a handle that is not open", [] { ZwClose(reinterpret_cast<HANDLE>(0x44)); },
-         "0x00000093.*INVALID_KERNEL_HANDLE"},
-        {"one dereference too many",
-         [] {
-             HANDLE h;
-             PsCreateSystemThread(&h, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, do_nothing,
-                                  nullptr);
+        {[] { ZwClose(reinterpret_cast<HANDLE>(0x44)); }, "0x00000093.*INVALID_KERNEL_HANDLE"},
+        {[] {
+             HANDLE h = start(do_nothing);
              PVOID thread;
              ObReferenceObjectByHandle(h, THREAD_ALL_ACCESS, nullptr, KernelMode, &thread, nullptr);
              KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
@@ -238,7 +166,7 @@ TEST(KernelRules, BrokenRulesStopTheRun)
          "0x00000018.*REFERENCE_BY_POINTER"},
     };
     for (const Rule& r : rules) {
-        SCOPED_TRACE(r.name);
+        SCOPED_TRACE(r.report);
         EXPECT_DEATH(
             {
                 sched::Install s(sched::make_simulated(5));
@@ -251,20 +179,14 @@ TEST(KernelRules, BrokenRulesStopTheRun)
 TEST(KernelRules, WhatTheRulesAllow)
 {
     sched::Install s(sched::make_simulated(6));
-    KSPIN_LOCK lock;
-    KeInitializeSpinLock(&lock);
-    KEVENT e = make_event();
-    KIRQL old = KeAcquireSpinLockRaiseToDpc(&lock);
+    PKSPIN_LOCK l = held();
     LARGE_INTEGER zero{};
-    EXPECT_EQ(KeWaitForSingleObject(&e, Executive, KernelMode, FALSE, &zero), STATUS_TIMEOUT)
+    EXPECT_EQ(KeWaitForSingleObject(event(), Executive, KernelMode, FALSE, &zero), STATUS_TIMEOUT)
         << "polling at DISPATCH_LEVEL";
-    KeSetEvent(&e, 0, FALSE);
-    KeClearEvent(&e);
-    void* p = ExAllocatePoolWithTag(NonPagedPoolNx, 8, kTag);
-    ExFreePoolWithTag(p, 0);
-    KeReleaseSpinLock(&lock, old);
-    KIRQL apc;
-    KeRaiseIrql(APC_LEVEL, &apc);
+    KeSetEvent(event(), 0, FALSE);
+    ExFreePoolWithTag(pool(), 0);
+    KeReleaseSpinLock(l, PASSIVE_LEVEL);
+    KIRQL apc = raise(APC_LEVEL);
     PAGED_CODE();
     KeLowerIrql(apc);
 }
