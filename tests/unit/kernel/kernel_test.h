@@ -25,15 +25,20 @@ inline void delay_ms(LONGLONG ms)
     KeDelayExecutionThread(KernelMode, FALSE, &t);
 }
 
-// A system thread running `routine` (or `body`), referenced so that the test can wait for
-// its end.
+// A system thread running `body`, referenced so that the test can wait for its end.
 class SystemThread
 {
   public:
-    SystemThread(PKSTART_ROUTINE routine, PVOID context) { create(routine, context); }
     explicit SystemThread(std::function<void()> body) : body_(std::move(body))
     {
-        create(&SystemThread::run, this);
+        HANDLE handle;
+        EXPECT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
+                                       &SystemThread::run, this),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, *PsThreadType, KernelMode,
+                                            &object_, nullptr),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
     }
     SystemThread(const SystemThread&) = delete;
     SystemThread& operator=(const SystemThread&) = delete;
@@ -46,17 +51,6 @@ class SystemThread
     PVOID object() const { return object_; }
 
   private:
-    void create(PKSTART_ROUTINE routine, PVOID context)
-    {
-        HANDLE handle;
-        EXPECT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
-                                       routine, context),
-                  STATUS_SUCCESS);
-        EXPECT_EQ(ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, *PsThreadType, KernelMode,
-                                            &object_, nullptr),
-                  STATUS_SUCCESS);
-        EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
-    }
     static VOID run(PVOID self) { static_cast<SystemThread*>(self)->body_(); }
     std::function<void()> body_;
     PVOID object_ = nullptr;

@@ -27,7 +27,6 @@ TEST(DbgPrint, FormatsIntoTheDebugRing)
     ANSI_STRING ansi;
     RtlInitAnsiString(&ansi, "counted");
     ansi.Length = 5; // counted strings need no terminator
-    const std::string long_text(600, 'y');
     struct Case {
         std::string expected;
         std::function<void()> print;
@@ -74,7 +73,7 @@ TEST(DbgPrint, FormatsIntoTheDebugRing)
         {"000000000000ABCD %q", [] { DbgPrint("%p %q", reinterpret_cast<void*>(0xABCD)); }},
         {"x", [] { DbgPrintEx(DPFLTR_IHVDRIVER_ID, DPFLTR_ERROR_LEVEL, "%s", "x"); }},
         // One call passes at most 511 characters, however wide the field.
-        {std::string(511, 'y'), [&] { DbgPrint("%s!", long_text.c_str()); }},
+        {std::string(511, 'y'), [] { DbgPrint("%s!", std::string(600, 'y').c_str()); }},
         {std::string(511, ' '), [] { DbgPrint("%*d", INT_MAX, 1); }},
         {std::string(511, '0'), [] { DbgPrint("%.*x", INT_MAX, 1); }},
     };

@@ -39,6 +39,7 @@ PKSPIN_LOCK held()
     return &l;
 }
 
+// A 10-byte block under 'Tag1'.
 char* pool(POOL_TYPE type = NonPagedPoolNx)
 {
     return static_cast<char*>(ExAllocatePoolWithTag(type, 10, kTag));
@@ -73,7 +74,7 @@ TEST(KernelRules, BrokenRulesStopTheRun)
     const Rule rules[] = {
         {[] {
              raise(DISPATCH_LEVEL);
-             LARGE_INTEGER t{.QuadPart = -500'000};
+             LARGE_INTEGER t{.QuadPart = -500'000}; // 50 ms
              KeWaitForSingleObject(event(), Executive, KernelMode, FALSE, &t);
          },
          "0x000000C4.*DRIVER_VERIFIER_DETECTED_VIOLATION.*KeWaitForSingleObject with a timeout "
@@ -149,7 +150,7 @@ TEST(KernelRules, BrokenRulesStopTheRun)
          "0x000000E2 \\(0x0000000000000001, 0x0000000000000002.*called KeBugCheckEx"},
         {[] {
              start(return_raised);
-             LARGE_INTEGER t{.QuadPart = -10'000'000};
+             LARGE_INTEGER t{.QuadPart = -10'000'000}; // 1 s
              KeDelayExecutionThread(KernelMode, FALSE, &t);
          },
          "0x000000C4.*system thread .* returned at DISPATCH_LEVEL"},
