@@ -100,7 +100,9 @@ Capture Capture::parse(std::string_view text)
 {
     Capture c;
     std::vector<long> times;
-    std::optional<long> epoch_time;
+    // A plain value and flag: an optional here trips a false uninitialised-use warning at -O2.
+    long epoch_time = 0;
+    bool have_epoch_time = false;
     std::vector<std::string_view> seen;
     while (!text.empty()) {
         const auto nl = text.find('\n');
@@ -116,14 +118,15 @@ Capture Capture::parse(std::string_view text)
         if (timed_type(type)) {
             const auto t = sentence_time(line);
             const bool repeated = std::find(seen.begin(), seen.end(), type) != seen.end();
-            if (!c.epochs_.empty() && (repeated || (t && epoch_time && *t != *epoch_time))) {
+            if (!c.epochs_.empty() && (repeated || (t && have_epoch_time && *t != epoch_time))) {
                 c.epochs_.emplace_back();
                 seen.clear();
-                epoch_time.reset();
+                have_epoch_time = false;
             }
             seen.push_back(type);
-            if (t && !epoch_time) {
-                epoch_time = t;
+            if (t && !have_epoch_time) {
+                epoch_time = *t;
+                have_epoch_time = true;
                 times.push_back(*t);
             }
         }
