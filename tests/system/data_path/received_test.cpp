@@ -116,5 +116,32 @@ TEST_F(DataPath, AnswerWithOtherSidDoesNotEndTheWait)
     stop_keep_alive();
 }
 
+// A matching acknowledgement longer than AckBuffer is kept cut at the buffer's size: the sender
+// still finds err_status and gets at most that many bytes.
+TEST_F(DataPath, OversizedAcknowledgementIsCutAtTheBuffer)
+{
+    start_with_peer();
+    keep_alive();
+    LONG result;
+    Bytes answer;
+    xfer_async(0x22, 5, {1}, &result, &answer);
+    ASSERT_TRUE(peer().await(0x22, 5, 100 * kMillisecond));
+    stop_keep_alive();
+    Bytes payload = sim::testkit::le32(0);
+    payload.resize(3000, 0x5A);
+    Bytes frame = sim::chip::encode(Frame{0x22, 5, true, payload});
+    // Two runs of under 2048 bytes with a quiet interval between, as two reads see them.
+    peer().send_raw(std::span(frame).first(1500));
+    run_for(30 * kMillisecond);
+    peer().send_raw(std::span(frame).subspan(1500));
+    ASSERT_TRUE(wait_until([&] {
+        sched::StateLock lock(sched::current());
+        return result != INT32_MIN;
+    }));
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(ext().AckLength, FDO_ACK_BUFFER_SIZE);
+    EXPECT_EQ(answer, Bytes(frame.begin(), frame.begin() + FDO_ACK_BUFFER_SIZE));
+}
+
 } // namespace
 } // namespace mvgps::test
