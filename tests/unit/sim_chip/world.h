@@ -2,6 +2,7 @@
 // from MVGPS_SEED (or the clock).
 #pragma once
 
+#include <algorithm>
 #include <memory>
 
 #include "sched/sched.h"
@@ -12,6 +13,10 @@
 namespace mvgps::sim::chip
 {
 
+using testkit::Bytes;
+using testkit::run_for;
+constexpr sched::Nanos kMs = sched::kMillisecond;
+
 inline ChipConfig quiet_config()
 {
     ChipConfig c;
@@ -19,9 +24,16 @@ inline ChipConfig quiet_config()
     return c;
 }
 
+inline ChipConfig playing(const char* capture)
+{
+    ChipConfig c;
+    c.capture = std::make_shared<const Capture>(Capture::parse(capture));
+    return c;
+}
+
 struct World {
-    explicit World(ChipConfig config = {}, std::uint32_t client_rate = 921600)
-        : install(sched::make_simulated(sched::seed_from_env())), client(wire.a(), client_rate),
+    explicit World(ChipConfig config = quiet_config())
+        : install(sched::make_simulated(sched::seed_from_env())), client(wire.a(), 921600),
           chip(wire.b(), std::move(config))
     {
     }
@@ -32,9 +44,36 @@ struct World {
     Chip chip;
 };
 
-inline std::shared_ptr<const Capture> capture(const char* text)
+// `v` in `n` bytes in the given order.
+inline Bytes num(std::uint32_t v, int n, ByteOrder order = ByteOrder::Little)
 {
-    return std::make_shared<const Capture>(Capture::parse(text));
+    Bytes b;
+    for (int i = 0; i < n; ++i) {
+        b.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+    }
+    if (order == ByteOrder::Big) {
+        std::reverse(b.begin(), b.end());
+    }
+    return b;
+}
+
+inline Bytes le32(std::uint32_t v)
+{
+    return num(v, 4);
+}
+
+inline std::uint32_t get_le32(std::span<const std::uint8_t> p)
+{
+    return p[0] | p[1] << 8 | p[2] << 16 | static_cast<std::uint32_t>(p[3]) << 24;
+}
+
+inline Bytes cat(std::initializer_list<Bytes> parts)
+{
+    Bytes out;
+    for (const auto& p : parts) {
+        out.insert(out.end(), p.begin(), p.end());
+    }
+    return out;
 }
 
 } // namespace mvgps::sim::chip

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <span>
 #include <vector>
@@ -14,6 +15,16 @@
 namespace mvgps::sim::testkit
 {
 
+using Bytes = std::vector<std::uint8_t>;
+
+template <class T>
+Bytes bytes_of(const T& v)
+{
+    Bytes b(sizeof v);
+    std::memcpy(b.data(), &v, sizeof v);
+    return b;
+}
+
 struct Received {
     chip::Frame frame;
     sched::Nanos arrival = 0;
@@ -23,43 +34,104 @@ struct Received {
 class Client final : public LineReceiver
 {
   public:
-    Client(Line& line, std::uint32_t rate);
-    ~Client();
+    Client(Line& line, std::uint32_t rate) : sched_(sched::current()), line_(line)
+    {
+        sched::StateLock lock(sched_);
+        line_.attach(this);
+        line_.configure({rate, LineFormat{}});
+    }
+    ~Client()
+    {
+        sched::StateLock lock(sched_);
+        line_.attach(nullptr);
+    }
 
-    void set_rate(std::uint32_t rate);
-    void send(const chip::Frame& f);
-    void send_raw(std::span<const std::uint8_t> bytes);
+    void set_rate(std::uint32_t rate)
+    {
+        sched::StateLock lock(sched_);
+        line_.configure({rate, LineFormat{}});
+    }
+    void send_raw(std::span<const std::uint8_t> bytes)
+    {
+        {
+            sched::StateLock lock(sched_);
+            line_.send(bytes);
+        }
+        sched_.point("client sent");
+    }
+    void send(const chip::Frame& f) { send_raw(chip::encode(f)); }
     // Sends a command and waits for its acknowledgement (same pid and sid).
-    std::optional<Received> command(std::uint8_t pid, std::uint8_t sid,
-                                    std::vector<std::uint8_t> payload = {},
-                                    sched::Nanos timeout = 100 * sched::kMillisecond);
+    std::optional<Received> command(std::uint8_t pid, std::uint8_t sid, Bytes payload = {},
+                                    sched::Nanos timeout = 100 * sched::kMillisecond)
+    {
+        const std::size_t from = received().size();
+        send({pid, sid, true, std::move(payload)});
+        return wait_for(from, pid, sid, timeout);
+    }
     // The first good frame with this pid and sid that arrives from now on.
-    std::optional<Received> await(std::uint8_t pid, std::uint8_t sid, sched::Nanos timeout);
+    std::optional<Received> await(std::uint8_t pid, std::uint8_t sid, sched::Nanos timeout)
+    {
+        return wait_for(received().size(), pid, sid, timeout);
+    }
 
-    std::vector<Received> received() const;
-    std::vector<std::uint8_t> raw() const;
-    void clear();
+    std::vector<Received> received() const
+    {
+        sched::StateLock lock(sched_);
+        return received_;
+    }
+    Bytes raw() const
+    {
+        sched::StateLock lock(sched_);
+        return raw_;
+    }
+    void clear()
+    {
+        sched::StateLock lock(sched_);
+        received_.clear();
+        raw_.clear();
+    }
 
-    void on_bytes(std::span<const std::uint8_t> bytes, sched::Nanos arrival) override;
+    void on_bytes(std::span<const std::uint8_t> bytes, sched::Nanos arrival) override
+    {
+        raw_.insert(raw_.end(), bytes.begin(), bytes.end());
+        parser_.feed(bytes, [&](const chip::Frame& f, chip::FrameParser::Verdict v) {
+            received_.push_back({f, arrival, v});
+        });
+        sched_.wake(wake_);
+    }
 
   private:
     std::optional<Received> wait_for(std::size_t from, std::uint8_t pid, std::uint8_t sid,
-                                     sched::Nanos deadline);
+                                     sched::Nanos timeout)
+    {
+        std::optional<Received> out;
+        sched::StateLock lock(sched_);
+        sched_.wait(wake_, "client", sched_.now() + timeout, [&] {
+            for (; from < received_.size() && !out; ++from) {
+                const auto& r = received_[from];
+                if (r.verdict == chip::FrameParser::Verdict::Good && r.frame.pid == pid &&
+                    r.frame.sid == sid) {
+                    out = r;
+                }
+            }
+            return out.has_value();
+        });
+        return out;
+    }
 
     sched::Scheduler& sched_;
     Line& line_;
     chip::FrameParser parser_;
     std::vector<Received> received_;
-    std::vector<std::uint8_t> raw_;
+    Bytes raw_;
     sched::WaitList wake_;
 };
 
 // Lets the simulation run for `d` of its time.
-void run_for(sched::Nanos d);
-
-std::vector<std::uint8_t> le32(std::uint32_t v);
-std::vector<std::uint8_t> le16(std::uint16_t v);
-std::uint32_t get_le32(std::span<const std::uint8_t> p);
-std::vector<std::uint8_t> cat(std::initializer_list<std::vector<std::uint8_t>> parts);
+inline void run_for(sched::Nanos d)
+{
+    auto& s = sched::current();
+    s.sleep_until(s.now() + d, "test");
+}
 
 } // namespace mvgps::sim::testkit

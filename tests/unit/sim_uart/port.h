@@ -1,9 +1,8 @@
 // A simulated UART controller opened as the driver opens it, with a test client on the far
-// end of its wire.
+// end of its wire; and the buffered control calls every test of the controller makes.
 #pragma once
 
 #include <algorithm>
-#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -16,65 +15,64 @@
 namespace mvgps::sim::uart
 {
 
-using Bytes = std::vector<std::uint8_t>;
+using testkit::Bytes;
+using testkit::bytes_of;
+using testkit::run_for;
+constexpr sched::Nanos kMs = sched::kMillisecond;
 
-inline ControllerConfig fast_port(std::size_t fifo = 4096)
+inline Bytes u32(ULONG v)
+{
+    return bytes_of(v);
+}
+// Read interval, read per-byte and constant, write per-byte and constant, in ms.
+inline Bytes times(ULONG interval, ULONG multiplier, ULONG constant, ULONG write = 0)
+{
+    return bytes_of(SERIAL_TIMEOUTS{interval, multiplier, constant, 0, write});
+}
+
+// One system buffer of max(in, out) bytes; `out` gets what the call returned.
+inline NTSTATUS control(io::LowerFile& file, ULONG code, const Bytes& in, std::size_t out_size = 0,
+                        Bytes* out = nullptr)
+{
+    Bytes system(std::max(in.size(), out_size));
+    std::copy(in.begin(), in.end(), system.begin());
+    auto r = io::IoRequest::make(io::Major::DeviceControl, code, std::span(system).first(in.size()),
+                                 std::span(system).first(out_size));
+    file.dispatch(r);
+    r->wait(sched::kForever);
+    if (out != nullptr) {
+        out->assign(system.begin(), system.begin() + static_cast<long>(r->information()));
+    }
+    return r->status();
+}
+
+inline ControllerConfig port_at(std::uint32_t rate, std::size_t fifo = 4096)
 {
     ControllerConfig c;
-    c.line = {921600, {}};
+    c.line = {rate, {}};
     c.fifo_size = fifo;
     return c;
 }
 
 struct Port {
-    explicit Port(ControllerConfig config = fast_port())
+    explicit Port(ControllerConfig config = port_at(921600))
         : install(sched::make_simulated(sched::seed_from_env())), controller(wire.a(), config),
           far(wire.b(), config.line.rate)
     {
         open_status = controller.open({}, file);
     }
 
-    std::shared_ptr<io::IoRequest> read(Bytes& buffer)
+    std::shared_ptr<io::IoRequest> transfer(io::Major major, std::span<const std::uint8_t> in,
+                                            std::span<std::uint8_t> out)
     {
-        auto r = io::IoRequest::make(io::Major::Read, 0, {}, buffer);
+        auto r = io::IoRequest::make(major, 0, in, out);
         file->dispatch(r);
         return r;
     }
+    auto read(Bytes& buffer) { return transfer(io::Major::Read, {}, buffer); }
+    auto write(const Bytes& data) { return transfer(io::Major::Write, data, {}); }
 
-    std::shared_ptr<io::IoRequest> write(const Bytes& data)
-    {
-        auto r = io::IoRequest::make(io::Major::Write, 0, data, {});
-        file->dispatch(r);
-        return r;
-    }
-
-    // A buffered control call: one system buffer of max(in, out) bytes.
-    NTSTATUS control(ULONG code, const Bytes& in, std::size_t out_size, Bytes* out = nullptr,
-                     std::size_t* information = nullptr)
-    {
-        Bytes system(std::max(in.size(), out_size));
-        std::copy(in.begin(), in.end(), system.begin());
-        auto r =
-            io::IoRequest::make(io::Major::DeviceControl, code, std::span(system).first(in.size()),
-                                std::span(system).first(out_size));
-        file->dispatch(r);
-        r->wait(sched::kForever);
-        if (out != nullptr) {
-            out->assign(system.begin(), system.begin() + static_cast<long>(r->information()));
-        }
-        if (information != nullptr) {
-            *information = r->information();
-        }
-        return r->status();
-    }
-
-    template <class T>
-    NTSTATUS set(ULONG code, const T& value)
-    {
-        Bytes in(sizeof value);
-        std::memcpy(in.data(), &value, sizeof value);
-        return control(code, in, 0);
-    }
+    NTSTATUS set(ULONG code, const Bytes& in) { return control(*file, code, in); }
 
     sched::Install install;
     Wire wire;
