@@ -24,54 +24,31 @@ std::vector<std::size_t> epoch_sizes(const Capture& c)
 TEST(NmeaCapture, CutsEpochsAndFindsTheirPeriod)
 {
     struct Case {
-        const char* name;
-        std::string text;
+        const char* text;
         std::vector<std::size_t> sizes;
-        sched::Nanos period;
+        sched::Nanos period = sched::kSecond;
     } cases[] = {
-        {"1 Hz, LF, comments skipped",
-         "# receiver: test\n$GPGGA,120000.00,x*00\n$GPGSA,A*00\n$GPRMC,120000.00,A*00\n"
-         "$GPGGA,120001.00,x*00\n$GPRMC,120001.00,A*00\n",
-         {3, 2},
-         sched::kSecond},
-        {"CRLF endings",
-         "$GPRMC,120000,A*00\r\n$GPGSV,1*00\r\n$GPRMC,120001,A*00\r\n",
-         {2, 1},
-         sched::kSecond},
-        {"5 Hz with fractions",
-         "$GPGGA,120000.0,*00\n$GPGGA,120000.2,*00\n$GPGGA,120000.4,*00\n$GPGGA,120000.6,*00\n",
-         {1, 1, 1, 1},
-         200 * sched::kMillisecond},
-        {"same time in different precision",
-         "$GPGGA,030129.00,*00\n$GPRMC,030129.0,A*00\n$GPGLL,x*00\n$GPGGA,030130.00,*00\n",
-         {3, 1},
-         sched::kSecond},
-        {"across midnight",
-         "$GPRMC,235959,A*00\n$GPRMC,000000,A*00\n$GPRMC,000001,A*00\n",
-         {1, 1, 1},
-         sched::kSecond},
-        {"no times: a repeated type starts an epoch",
-         "$GPGGA,,*00\n$GPGSA,*00\n$GPRMC,,V*00\n$GPGGA,,*00\n$GPRMC,,V*00\n",
-         {3, 2},
-         sched::kSecond},
-        {"sentences before the first time join the first epoch",
-         "$GPGSV,3,3*00\n$GPVTG,*00\n$GPGGA,101010,*00\n$GPGGA,101011,*00\n",
-         {3, 1},
-         sched::kSecond},
-        {"a gap does not change the usual step",
-         "$GPGGA,100000,*00\n$GPGGA,100001,*00\n$GPGGA,100002,*00\n$GPGGA,100100,*00\n",
-         {1, 1, 1, 1},
-         sched::kSecond},
-        {"a broken time field is no time",
-         "$GPGGA,030130$GPGLL,x*00\n$GPRMC,030131,A*00\n",
-         {2},
-         sched::kSecond},
-        {"comments only", "# nothing\n# here\n", {}, sched::kSecond},
+        {"# comment\n$GPGGA,120000.00,*00\n$GPGSA,*00\n$GPGGA,120001.00,*00\n", {2, 1}},
+        {"$GPRMC,120000,A*00\r\n$GPGSV,*00\r\n$GPRMC,120001,A*00\r\n", {2, 1}},
+        {"$GPGGA,120000.0,*00\n$GPGGA,120000.2,*00\n$GPGGA,120000.4,*00\n", {1, 1, 1}, 200'000'000},
+        // One time in two precisions.
+        {"$GPGGA,030129.00,*00\n$GPRMC,030129.0,A*00\n$GPGLL,x*00\n", {3}},
+        {"$GPRMC,235959,A*00\n$GPRMC,000000,A*00\n$GPRMC,000001,A*00\n", {1, 1, 1}},
+        // Without times a repeated sentence type starts an epoch.
+        {"$GPGGA,,*00\n$GPGSA,*00\n$GPRMC,,V*00\n$GPGGA,,*00\n$GPRMC,,V*00\n", {3, 2}},
+        // Sentences before the first time join the first epoch.
+        {"$GPGSV,3*00\n$GPGGA,101010,*00\n$GPGGA,101011,*00\n", {2, 1}},
+        // A gap does not change the usual step.
+        {"$GPGGA,100000,*00\n$GPGGA,100001,*00\n$GPGGA,100002,*00\n$GPGGA,100100,*00\n",
+         {1, 1, 1, 1}},
+        // A broken time field is no time.
+        {"$GPGGA,030130$GPGLL,x*00\n$GPRMC,030131,A*00\n", {2}},
+        {"# nothing\n# here\n", {}},
     };
     for (const auto& c : cases) {
         const Capture cap = Capture::parse(c.text);
-        EXPECT_EQ(epoch_sizes(cap), c.sizes) << c.name;
-        EXPECT_EQ(cap.period(), c.period) << c.name;
+        EXPECT_EQ(epoch_sizes(cap), c.sizes) << c.text;
+        EXPECT_EQ(cap.period(), c.period) << c.text;
     }
     EXPECT_EQ(Capture::parse("$GPGGA,1*00\r\n$GPGSA,2*00\n").epochs().at(0).sentences,
               (std::vector<std::string>{"$GPGGA,1*00", "$GPGSA,2*00"}))

@@ -34,12 +34,10 @@ TEST(SerialController, ValidatesControlCallsAsAPortDriverDoes)
         NTSTATUS status;
         std::size_t out = 0;
     } cases[] = {
-        {"rate 9600", kRate, u32(9600), STATUS_SUCCESS},
         {"rate 0", kRate, u32(0), STATUS_INVALID_PARAMETER},
         {"rate 870000", kRate, u32(870000), STATUS_INVALID_PARAMETER},
         {"rate, short input", kRate, {0x80, 0x25}, STATUS_BUFFER_TOO_SMALL},
         {"get rate, short output", IOCTL_SERIAL_GET_BAUD_RATE, {}, STATUS_BUFFER_TOO_SMALL, 2},
-        {"8N1", kLine, {STOP_BIT_1, NO_PARITY, 8}, STATUS_SUCCESS},
         {"5 bits, 1.5 stop", kLine, {STOP_BITS_1_5, NO_PARITY, 5}, STATUS_SUCCESS},
         {"8 bits, 1.5 stop", kLine, {STOP_BITS_1_5, NO_PARITY, 8}, STATUS_INVALID_PARAMETER},
         {"5 bits, 2 stop", kLine, {STOP_BITS_2, NO_PARITY, 5}, STATUS_INVALID_PARAMETER},
@@ -58,7 +56,6 @@ TEST(SerialController, ValidatesControlCallsAsAPortDriverDoes)
         {"negative xon limit", kFlow, flow(0, 0, -1, 0), STATUS_INVALID_PARAMETER},
         {"xoff limit beyond the buffer", kFlow, flow(0, 0, 0, 4097), STATUS_INVALID_PARAMETER},
         {"handflow, short", kFlow, Bytes(12), STATUS_BUFFER_TOO_SMALL},
-        {"purge rx", kPurge, u32(0x0A), STATUS_SUCCESS},
         {"purge nothing", kPurge, u32(0), STATUS_INVALID_PARAMETER},
         {"purge unknown bit", kPurge, u32(0x12), STATUS_INVALID_PARAMETER},
         {"purge, short", kPurge, {0x0A}, STATUS_BUFFER_TOO_SMALL},
@@ -194,10 +191,13 @@ TEST(SerialController, PurgeAbortsAndClears)
     EXPECT_EQ(queued->status(), STATUS_CANCELLED);
 
     p.far.send_raw(Bytes(30, 0x55));
-    run_for(5 * kMs);
+    run_for(2 * kMs);
     ASSERT_EQ(p.controller.fifo_level(), 30u);
+    p.far.send_raw(Bytes(10, 0x66)); // arrives, but the wire hands it over a quantum later
+    run_for(kMs / 4);
     ASSERT_EQ(p.set(kPurge, u32(SERIAL_PURGE_RXCLEAR)), STATUS_SUCCESS);
-    EXPECT_EQ(p.controller.fifo_level(), 0u);
+    run_for(5 * kMs);
+    EXPECT_EQ(p.controller.fifo_level(), 0u) << "what had arrived goes too";
 
     ASSERT_EQ(p.set(kRate, u32(9600)), STATUS_SUCCESS);
     p.far.set_rate(9600);

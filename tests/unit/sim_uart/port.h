@@ -46,6 +46,31 @@ inline NTSTATUS control(io::LowerFile& file, ULONG code, const Bytes& in, std::s
     return r->status();
 }
 
+// A frame written as the driver writes it; done once the request completes (by `deadline`).
+inline std::shared_ptr<io::IoRequest> write_frame(io::LowerFile& file, const chip::Frame& f,
+                                                  sched::Nanos deadline = sched::kForever)
+{
+    const Bytes bytes = chip::encode(f);
+    auto r = io::IoRequest::make(io::Major::Write, 0, bytes, {});
+    file.dispatch(r);
+    r->wait(deadline);
+    return r;
+}
+
+// One read as the driver issues it; what it brought goes to the parser.
+inline std::shared_ptr<io::IoRequest> read_frames(io::LowerFile& file, chip::FrameParser& parser,
+                                                  const chip::FrameParser::Sink& sink,
+                                                  sched::Nanos deadline = sched::kForever)
+{
+    Bytes buffer(2048);
+    auto r = io::IoRequest::make(io::Major::Read, 0, {}, buffer);
+    file.dispatch(r);
+    if (r->wait(deadline)) {
+        parser.feed(std::span(buffer).first(r->information()), sink);
+    }
+    return r;
+}
+
 inline ControllerConfig port_at(std::uint32_t rate, std::size_t fifo = 4096)
 {
     ControllerConfig c;

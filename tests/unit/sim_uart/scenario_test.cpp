@@ -37,13 +37,8 @@ Outcome run_scenario(std::uint64_t seed)
     const sched::Nanos end = s.now() + 2700 * kMs;
     sched::Thread* reader = s.spawn("reader", [&] {
         chip::FrameParser parser;
-        Bytes buffer(2048);
         while (s.now() < end) { // the chip's status frames end every read
-            auto r = io::IoRequest::make(io::Major::Read, 0, {}, buffer);
-            file->dispatch(r);
-            r->wait(sched::kForever);
-            parser.feed(std::span(buffer).first(r->information()), [&](const chip::Frame& f,
-                                                                       chip::FrameParser::Verdict) {
+            read_frames(*file, parser, [&](const chip::Frame& f, chip::FrameParser::Verdict) {
                 out.lines.push_back(std::to_string(s.now()) + " host " + chip::describe(f));
                 out.acks += f.pid != chip::kPidStatus && f.pid != chip::kPidNmeaData;
             });
@@ -54,10 +49,7 @@ Outcome run_scenario(std::uint64_t seed)
                                     {0x10, 0, true, {0x31, 0x56, 0xA8, 0x02}},
                                     {0xFF, 3, true, {}}};
     for (const auto& c : commands) {
-        const Bytes bytes = chip::encode(c);
-        auto w = io::IoRequest::make(io::Major::Write, 0, bytes, {});
-        file->dispatch(w);
-        w->wait(sched::kForever);
+        write_frame(*file, c);
         s.sleep_until(s.now() + 40 * kMs, "between commands");
     }
     s.join(reader);

@@ -27,12 +27,9 @@ TEST(TtyLine, CommandAndAnswerCrossAPty)
     ASSERT_EQ(controller.open({}, file), STATUS_SUCCESS);
     ASSERT_EQ(control(*file, IOCTL_SERIAL_SET_TIMEOUTS, times(10, 0, 0)), STATUS_SUCCESS);
 
-    const Bytes command = chip::encode({0xFF, 2, true, {}});
-    auto write = io::IoRequest::make(io::Major::Write, 0, command, {});
-    file->dispatch(write);
-    ASSERT_TRUE(write->wait(s.now() + sched::kSecond));
+    const auto write = write_frame(*file, {0xFF, 2, true, {}}, s.now() + sched::kSecond);
     EXPECT_EQ(write->status(), STATUS_SUCCESS);
-    EXPECT_EQ(write->information(), command.size());
+    EXPECT_EQ(write->information(), 8u);
 
     chip::FrameParser parser;
     bool acknowledged = false;
@@ -40,17 +37,16 @@ TEST(TtyLine, CommandAndAnswerCrossAPty)
     int interval_endings = 0;
     const sched::Nanos give_up = s.now() + 2 * sched::kSecond;
     while ((!acknowledged || status_frames < 3) && s.now() < give_up) {
-        Bytes buffer(2048);
-        auto read = io::IoRequest::make(io::Major::Read, 0, {}, buffer);
-        file->dispatch(read);
-        ASSERT_TRUE(read->wait(give_up + sched::kSecond));
+        const auto read = read_frames(
+            *file, parser,
+            [&](const chip::Frame& f, chip::FrameParser::Verdict v) {
+                EXPECT_EQ(v, chip::FrameParser::Verdict::Good);
+                acknowledged |= f == chip::Frame{0xFF, 2, true, {0, 0, 0, 0}};
+                status_frames += f.pid == chip::kPidStatus;
+            },
+            give_up + sched::kSecond);
+        ASSERT_TRUE(read->completed());
         interval_endings += read->status() == STATUS_TIMEOUT && read->information() > 0;
-        parser.feed(std::span(buffer).first(read->information()),
-                    [&](const chip::Frame& f, chip::FrameParser::Verdict v) {
-                        ASSERT_EQ(v, chip::FrameParser::Verdict::Good);
-                        acknowledged |= f == chip::Frame{0xFF, 2, true, {0, 0, 0, 0}};
-                        status_frames += f.pid == chip::kPidStatus;
-                    });
     }
     EXPECT_TRUE(acknowledged);
     EXPECT_GE(status_frames, 3);

@@ -31,24 +31,20 @@ struct Recorder final : LineReceiver {
     }
 };
 
-// A wire with a recorder on end b, seeded as asked.
+// A wire with a recorder on end b, seeded as asked; end a sends.
 struct Bench {
-    explicit Bench(std::uint64_t seed, sched::Nanos quantum = kMs)
-        : install(sched::make_simulated(seed)), wire(quantum)
+    Bench(std::uint64_t seed, const LineSettings& a, const LineSettings& b)
+        : install(sched::make_simulated(seed))
     {
         sched::StateLock lock(sched::current());
+        wire.a().configure(a);
+        wire.b().configure(b);
         wire.b().attach(&rx);
     }
     ~Bench()
     {
         sched::StateLock lock(sched::current());
         wire.b().attach(nullptr);
-    }
-    void configure(const LineSettings& a, const LineSettings& b)
-    {
-        sched::StateLock lock(sched::current());
-        wire.a().configure(a);
-        wire.b().configure(b);
     }
     sched::Nanos send(const Bytes& bytes, sched::Nanos idle = 0)
     {
@@ -83,8 +79,7 @@ TEST(Wire, EachCharacterTakesItsBitTimesAtTheSendersRate)
         {{9600, {5, 0, 1}}, 2, 1'562'500},   // 1 + 5 + 1.5 stop bits
     };
     for (const auto& c : cases) {
-        Bench b(1);
-        b.configure(c.line, c.line);
+        Bench b(1, c.line, c.line);
         const Bytes one = counting(c.n);
         EXPECT_EQ(b.send(one), c.expected);
         // A second send queues behind the first and holds the line idle before it starts.
@@ -102,8 +97,7 @@ TEST(Wire, EachCharacterTakesItsBitTimesAtTheSendersRate)
 
 Bytes garbage(std::uint64_t seed, const LineSettings& from, const LineSettings& to, std::size_t n)
 {
-    Bench b(seed);
-    b.configure(from, to);
+    Bench b(seed, from, to);
     b.send(counting(n));
     run_for(sched::kSecond);
     EXPECT_EQ(b.wire.b().stats().garbled, b.rx.bytes.size());
@@ -143,8 +137,7 @@ TEST(Wire, ImpairmentsHitEveryCharacterWhenCertain)
                  {{1, 0, 0}, &WireStats::flipped, 1},
                  {{0, 0, 1}, &WireStats::noise, 2}};
     for (const auto& c : cases) {
-        Bench b(3);
-        b.configure({115200, {}}, {115200, {}});
+        Bench b(3, {115200, {}}, {115200, {}});
         b.wire.b().impair(c.imp);
         b.send(sent);
         run_for(20 * kMs);
@@ -155,22 +148,6 @@ TEST(Wire, ImpairmentsHitEveryCharacterWhenCertain)
             EXPECT_EQ(__builtin_popcount(b.rx.bytes[i * c.stride] ^ sent[i]), c.imp.flip > 0);
         }
     }
-}
-
-TEST(Wire, DiscardingReceivedDropsWhatArrivedButWasNotHandedOver)
-{
-    Bench b(1, 50 * kMs); // hands bytes over every 50 ms
-    b.configure({921600, {}}, {921600, {}});
-    b.send(counting(10));
-    run_for(kMs);
-    {
-        sched::StateLock lock(sched::current());
-        EXPECT_EQ(b.wire.b().next_arrival(), 10'850) << "arrived, not yet handed over";
-        b.wire.b().discard_received();
-        EXPECT_EQ(b.wire.b().next_arrival(), sched::kForever);
-    }
-    run_for(100 * kMs);
-    EXPECT_TRUE(b.rx.bytes.empty());
 }
 
 } // namespace
