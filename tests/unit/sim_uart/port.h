@@ -30,15 +30,23 @@ inline Bytes times(ULONG interval, ULONG multiplier, ULONG constant, ULONG write
     return bytes_of(SERIAL_TIMEOUTS{interval, multiplier, constant, 0, write});
 }
 
+inline std::shared_ptr<io::IoRequest> submit(io::LowerFile& file, io::Major major,
+                                             std::span<const std::uint8_t> in,
+                                             std::span<std::uint8_t> out, ULONG code = 0)
+{
+    auto r = io::IoRequest::make(major, code, in, out);
+    file.dispatch(r);
+    return r;
+}
+
 // One system buffer of max(in, out) bytes; `out` gets what the call returned.
 inline NTSTATUS control(io::LowerFile& file, ULONG code, const Bytes& in, std::size_t out_size = 0,
                         Bytes* out = nullptr)
 {
     Bytes system(std::max(in.size(), out_size));
     std::copy(in.begin(), in.end(), system.begin());
-    auto r = io::IoRequest::make(io::Major::DeviceControl, code, std::span(system).first(in.size()),
-                                 std::span(system).first(out_size));
-    file.dispatch(r);
+    auto r = submit(file, io::Major::DeviceControl, std::span(system).first(in.size()),
+                    std::span(system).first(out_size), code);
     r->wait(sched::kForever);
     if (out != nullptr) {
         out->assign(system.begin(), system.begin() + static_cast<long>(r->information()));
@@ -46,14 +54,22 @@ inline NTSTATUS control(io::LowerFile& file, ULONG code, const Bytes& in, std::s
     return r->status();
 }
 
+// Waits for a request until `deadline`, then cancels it: its buffers must outlive it.
+inline void finish(io::IoRequest& r, sched::Nanos deadline)
+{
+    if (!r.wait(deadline)) {
+        r.cancel();
+        r.wait(sched::kForever);
+    }
+}
+
 // A frame written as the driver writes it; done once the request completes (by `deadline`).
 inline std::shared_ptr<io::IoRequest> write_frame(io::LowerFile& file, const chip::Frame& f,
                                                   sched::Nanos deadline = sched::kForever)
 {
     const Bytes bytes = chip::encode(f);
-    auto r = io::IoRequest::make(io::Major::Write, 0, bytes, {});
-    file.dispatch(r);
-    r->wait(deadline);
+    auto r = submit(file, io::Major::Write, bytes, {});
+    finish(*r, deadline);
     return r;
 }
 
@@ -63,11 +79,9 @@ inline std::shared_ptr<io::IoRequest> read_frames(io::LowerFile& file, chip::Fra
                                                   sched::Nanos deadline = sched::kForever)
 {
     Bytes buffer(2048);
-    auto r = io::IoRequest::make(io::Major::Read, 0, {}, buffer);
-    file.dispatch(r);
-    if (r->wait(deadline)) {
-        parser.feed(std::span(buffer).first(r->information()), sink);
-    }
+    auto r = submit(file, io::Major::Read, {}, buffer);
+    finish(*r, deadline);
+    parser.feed(std::span(buffer).first(r->information()), sink);
     return r;
 }
 
@@ -87,16 +101,8 @@ struct Port {
         open_status = controller.open({}, file);
     }
 
-    std::shared_ptr<io::IoRequest> transfer(io::Major major, std::span<const std::uint8_t> in,
-                                            std::span<std::uint8_t> out)
-    {
-        auto r = io::IoRequest::make(major, 0, in, out);
-        file->dispatch(r);
-        return r;
-    }
-    auto read(Bytes& buffer) { return transfer(io::Major::Read, {}, buffer); }
-    auto write(const Bytes& data) { return transfer(io::Major::Write, data, {}); }
-
+    auto read(Bytes& buffer) { return submit(*file, io::Major::Read, {}, buffer); }
+    auto write(const Bytes& data) { return submit(*file, io::Major::Write, data, {}); }
     NTSTATUS set(ULONG code, const Bytes& in) { return control(*file, code, in); }
 
     sched::Install install;

@@ -45,7 +45,6 @@ TEST(TtyLine, CommandAndAnswerCrossAPty)
                 status_frames += f.pid == chip::kPidStatus;
             },
             give_up + sched::kSecond);
-        ASSERT_TRUE(read->completed());
         interval_endings += read->status() == STATUS_TIMEOUT && read->information() > 0;
     }
     EXPECT_TRUE(acknowledged);
