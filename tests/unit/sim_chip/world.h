@@ -14,6 +14,8 @@ namespace mvgps::sim::chip
 {
 
 using testkit::Bytes;
+using testkit::cat;
+using testkit::le32;
 using testkit::run_for;
 constexpr sched::Nanos kMs = sched::kMillisecond;
 
@@ -57,23 +59,9 @@ inline Bytes num(std::uint32_t v, int n, ByteOrder order = ByteOrder::Little)
     return b;
 }
 
-inline Bytes le32(std::uint32_t v)
-{
-    return num(v, 4);
-}
-
 inline std::uint32_t get_le32(std::span<const std::uint8_t> p)
 {
     return p[0] | p[1] << 8 | p[2] << 16 | static_cast<std::uint32_t>(p[3]) << 24;
-}
-
-inline Bytes cat(std::initializer_list<Bytes> parts)
-{
-    Bytes out;
-    for (const auto& p : parts) {
-        out.insert(out.end(), p.begin(), p.end());
-    }
-    return out;
 }
 
 } // namespace mvgps::sim::chip

@@ -127,6 +127,21 @@ class Client final : public LineReceiver
     sched::WaitList wake_;
 };
 
+inline Bytes le32(std::uint32_t v)
+{
+    return {static_cast<std::uint8_t>(v), static_cast<std::uint8_t>(v >> 8),
+            static_cast<std::uint8_t>(v >> 16), static_cast<std::uint8_t>(v >> 24)};
+}
+
+inline Bytes cat(std::initializer_list<Bytes> parts)
+{
+    Bytes out;
+    for (const auto& p : parts) {
+        out.insert(out.end(), p.begin(), p.end());
+    }
+    return out;
+}
+
 // Lets the simulation run for `d` of its time.
 inline void run_for(sched::Nanos d)
 {
