@@ -134,7 +134,6 @@ static VOID UprobeDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t Outpu
     UPROBE_RESULT result;
     UCHAR record[32];
 
-    UNREFERENCED_PARAMETER(OutputBufferLength);
     NTSTATUS status = WdfRequestRetrieveOutputBuffer(Request, sizeof(ULONG), (PVOID*)&out, NULL);
     if (NT_SUCCESS(status) && IoControlCode != IOCTL_UPROBE_BAUD) {
         status = WdfRequestRetrieveInputBuffer(Request, sizeof(ULONG), (PVOID*)&in, NULL);
@@ -156,27 +155,25 @@ static VOID UprobeDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t Outpu
     }
     ULONG first;
     RtlCopyMemory(&first, in, sizeof first);
+    WDF_REQUEST_SEND_OPTIONS_INIT(&options, WDF_REQUEST_SEND_OPTION_TIMEOUT);
     if (IoControlCode == IOCTL_UPROBE_CONTROL) {
         // The system buffer is shared: take the record before writing the result.
         size_t length = InputBufferLength - sizeof(ULONG);
         RtlCopyMemory(record, in + sizeof(ULONG), length);
         WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&data, record, (ULONG)length);
-        WDF_REQUEST_SEND_OPTIONS_INIT(&options, WDF_REQUEST_SEND_OPTION_TIMEOUT);
         WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, WDF_REL_TIMEOUT_IN_MS(1000));
         result.Status = WdfIoTargetSendIoctlSynchronously(
             context->Uart, NULL, first, length ? &data : NULL, NULL, &options, &bytes);
-        result.Bytes = (ULONG)bytes;
-        RtlCopyMemory(out, &result, sizeof result);
-        WdfRequestCompleteWithInformation(Request, STATUS_SUCCESS, sizeof result);
-        return;
+    } else {
+        WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&data, out + sizeof result,
+                                          (ULONG)(OutputBufferLength - sizeof result));
+        WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, WDF_REL_TIMEOUT_IN_MS(first));
+        result.Status =
+            WdfIoTargetSendReadSynchronously(context->Uart, NULL, &data, NULL, &options, &bytes);
     }
-    WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&data, out + sizeof result,
-                                      (ULONG)(OutputBufferLength - sizeof result));
-    WDF_REQUEST_SEND_OPTIONS_INIT(&options, WDF_REQUEST_SEND_OPTION_TIMEOUT);
-    WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, WDF_REL_TIMEOUT_IN_MS(first));
-    result.Status =
-        WdfIoTargetSendReadSynchronously(context->Uart, NULL, &data, NULL, &options, &bytes);
     result.Bytes = (ULONG)bytes;
     RtlCopyMemory(out, &result, sizeof result);
-    WdfRequestCompleteWithInformation(Request, STATUS_SUCCESS, sizeof result + bytes);
+    // Only a read's bytes follow the result.
+    WdfRequestCompleteWithInformation(
+        Request, STATUS_SUCCESS, sizeof result + (IoControlCode == IOCTL_UPROBE_READ ? bytes : 0));
 }
