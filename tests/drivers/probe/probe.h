@@ -9,24 +9,26 @@
 #define PROBE_POOL_TAG 0x45425250u // 'PRBE'
 
 #define PROBE_CODE(n) CTL_CODE(FILE_DEVICE_UNKNOWN, 0x900 + (n), METHOD_BUFFERED, FILE_ANY_ACCESS)
-#define IOCTL_PROBE_ECHO PROBE_CODE(0)      // output = input reversed, Information = in
+#define IOCTL_PROBE_ECHO PROBE_CODE(0)      // output = input + 1 bytewise, Information = in
 #define IOCTL_PROBE_PARK PROBE_CODE(1)      // forwarded to a manual queue
 #define IOCTL_PROBE_RETRIEVE PROBE_CODE(2)  // completes one parked request; status = retrieve's
-#define IOCTL_PROBE_HOLD PROBE_CODE(3)      // kept by the driver until RELEASE
-#define IOCTL_PROBE_RELEASE PROBE_CODE(4)   // completes the held request
-#define IOCTL_PROBE_WHERE PROBE_CODE(5)     // output: the callback's thread and IRQL
-#define IOCTL_PROBE_LOADS PROBE_CODE(6)     // output: DriverEntry calls since this load
-#define IOCTL_PROBE_ADD_CHILD PROBE_CODE(7) // a work item reports the child, twice
-#define IOCTL_PROBE_DOUBLE_COMPLETE PROBE_CODE(8)
-#define IOCTL_PROBE_COMPLETE_PARKED PROBE_CODE(9)
-#define IOCTL_PROBE_RAISED_IRQL PROBE_CODE(10)
-#define IOCTL_PROBE_SPIN_LOCK_HELD PROBE_CODE(11)
-#define IOCTL_PROBE_LEAK_POOL PROBE_CODE(12)
-#define IOCTL_PROBE_USE_DELETED PROBE_CODE(13)
+#define IOCTL_PROBE_HOLD PROBE_CODE(3)      // kept by the driver, never completed
+#define IOCTL_PROBE_STATE PROBE_CODE(4)     // output: PROBE_STATE
+#define IOCTL_PROBE_ADD_CHILD PROBE_CODE(5) // reports the child, twice
+// ECHO with the method that leaves the caller's buffers to the driver.
+#define IOCTL_PROBE_ECHO_NEITHER (IOCTL_PROBE_ECHO | METHOD_NEITHER)
+// Each breaks one verifier rule.
+#define IOCTL_PROBE_DOUBLE_COMPLETE PROBE_CODE(6)
+#define IOCTL_PROBE_COMPLETE_PARKED PROBE_CODE(7)
+#define IOCTL_PROBE_RAISED_IRQL PROBE_CODE(8)
+#define IOCTL_PROBE_SPIN_LOCK_HELD PROBE_CODE(9)
+#define IOCTL_PROBE_LEAK_POOL PROBE_CODE(10)
 
-struct PROBE_WHERE {
+// Where the control callback ran, and how many times DriverEntry ran in this load.
+struct PROBE_STATE {
     ULONG64 Thread;
     ULONG Irql;
+    ULONG Loads;
 };
 
 // {5C2D1E0A-8B3F-4E7A-9C61-0D2F4B8A7E13}

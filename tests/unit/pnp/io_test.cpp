@@ -1,5 +1,3 @@
-#include <cstring>
-
 #include "probe_fixture.h"
 
 namespace mvgps::pnp::test
@@ -17,36 +15,36 @@ class IoTest : public ProbeTest
         ASSERT_EQ(stack_->bring_up(), STATUS_SUCCESS);
         handle_ = open();
     }
-    void TearDown() override
-    {
-        handle_.reset();
-        stack_.reset();
-    }
 
   public:
     std::unique_ptr<DeviceStack> stack_;
     std::unique_ptr<ClientHandle> handle_;
 };
 
-TEST_F(IoTest, BufferedRequestsShareOneSystemBufferAndReturnInformationBytes)
+// The caller gets back only the Information bytes (the probe fills the rest of the system
+// buffer with 0xFF), and a METHOD_NEITHER request gives the driver no buffers through the
+// framework.
+TEST_F(IoTest, BufferedRequestsReturnInformationBytes)
 {
     struct Case {
+        ULONG code;
         std::vector<std::uint8_t> in;
         std::size_t out_length;
         NTSTATUS status;
         std::vector<std::uint8_t> out;
     };
     const Case cases[] = {
-        {{1, 2, 3, 4}, 4, STATUS_SUCCESS, {4, 3, 2, 1}},
-        {{1, 2}, 6, STATUS_SUCCESS, {2, 1, 0, 0, 0, 0}}, // only Information bytes come back
-        {{5, 6, 7}, 2, STATUS_BUFFER_TOO_SMALL, {0, 0}},
-        {{}, 4, STATUS_BUFFER_TOO_SMALL, {0, 0, 0, 0}},
+        {IOCTL_PROBE_ECHO, {1, 2, 3, 4}, 4, STATUS_SUCCESS, {2, 3, 4, 5}},
+        {IOCTL_PROBE_ECHO, {1, 2}, 5, STATUS_SUCCESS, {2, 3, 0, 0, 0}},
+        {IOCTL_PROBE_ECHO, {5, 6, 7}, 2, STATUS_BUFFER_TOO_SMALL, {0, 0}},
+        {IOCTL_PROBE_ECHO, {}, 4, STATUS_BUFFER_TOO_SMALL, {0, 0, 0, 0}},
+        {IOCTL_PROBE_ECHO_NEITHER, {1, 2}, 2, STATUS_INVALID_DEVICE_REQUEST, {0, 0}},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.in.size());
+        SCOPED_TRACE(testing::Message() << std::hex << c.code << " " << c.in.size());
         std::vector<std::uint8_t> out(c.out_length, 0);
         ULONG_PTR returned = 99;
-        EXPECT_EQ(handle_->ioctl(IOCTL_PROBE_ECHO, c.in, out, &returned), c.status);
+        EXPECT_EQ(handle_->ioctl(c.code, c.in, out, &returned), c.status);
         EXPECT_EQ(out, c.out);
         EXPECT_EQ(returned, NT_SUCCESS(c.status) ? c.in.size() : 0u);
     }
@@ -55,27 +53,23 @@ TEST_F(IoTest, BufferedRequestsShareOneSystemBufferAndReturnInformationBytes)
 TEST_F(IoTest, ParallelDefaultQueueRunsTheCallbackOnTheSendingThreadAtPassiveLevel)
 {
     auto& s = sched::current();
-    for (int i = 0; i < 2; i++) {
-        ULONG64 sender = 0;
-        PROBE_WHERE where{};
-        auto client = s.spawn("client", [&] {
-            sender = reinterpret_cast<ULONG64>(KeGetCurrentThread());
-            std::vector<std::uint8_t> out(sizeof where);
-            ASSERT_EQ(call(*handle_, IOCTL_PROBE_WHERE, &out), STATUS_SUCCESS);
-            std::memcpy(&where, out.data(), sizeof where);
-        });
-        s.join(client);
-        EXPECT_EQ(where.Thread, sender);
-        EXPECT_EQ(where.Irql, static_cast<ULONG>(PASSIVE_LEVEL));
-    }
+    ULONG64 sender = 0;
+    PROBE_STATE seen{};
+    s.join(s.spawn("client", [&] {
+        sender = reinterpret_cast<ULONG64>(KeGetCurrentThread());
+        seen = state(*handle_);
+    }));
+    EXPECT_EQ(seen.Thread, sender);
+    EXPECT_NE(seen.Thread, reinterpret_cast<ULONG64>(KeGetCurrentThread()));
+    EXPECT_EQ(seen.Irql, static_cast<ULONG>(PASSIVE_LEVEL));
 }
 
 TEST_F(IoTest, ManualQueueHoldsRequestsUntilRetrievedAndEmptyReportsNoMoreEntries)
 {
-    EXPECT_EQ(call(*handle_, IOCTL_PROBE_RETRIEVE), STATUS_NO_MORE_ENTRIES);
+    EXPECT_EQ(handle_->ioctl(IOCTL_PROBE_RETRIEVE, {}, {}), STATUS_NO_MORE_ENTRIES);
     auto parked = handle_->ioctl_async(IOCTL_PROBE_PARK, {}, 0);
     EXPECT_FALSE(parked->done()) << "a request in a manual queue waits there";
-    EXPECT_EQ(call(*handle_, IOCTL_PROBE_RETRIEVE), STATUS_SUCCESS);
+    EXPECT_EQ(handle_->ioctl(IOCTL_PROBE_RETRIEVE, {}, {}), STATUS_SUCCESS);
     ASSERT_TRUE(parked->done());
     EXPECT_EQ(parked->status(), STATUS_SUCCESS);
 }
@@ -93,9 +87,6 @@ TEST_F(IoTest, PendingRequestsEndCancelledOnCancelCloseOrRemoval)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        if (!stack_->fdo()) {
-            ASSERT_EQ(stack_->enable(), STATUS_SUCCESS);
-        }
         handle_ = open();
         auto parked = handle_->ioctl_async(IOCTL_PROBE_PARK, {}, 0);
         ASSERT_FALSE(parked->done());
@@ -115,7 +106,7 @@ TEST_F(IoTest, PowerManagedQueueDeliversOnlyInD0)
     ASSERT_TRUE(echo->done());
     EXPECT_EQ(echo->status(), STATUS_SUCCESS);
     EXPECT_EQ(std::vector<std::uint8_t>(echo->output().begin(), echo->output().end()),
-              (std::vector<std::uint8_t>{8, 9}));
+              (std::vector<std::uint8_t>{10, 9}));
 }
 
 } // namespace

@@ -25,13 +25,12 @@ TEST_F(VerifierDeathTest, DriverMistakesStopTheRunWithTheirRule)
          "callback returned at a raised IRQL: EvtIoDeviceControl"},
         {"returning with a spin lock", 1, IOCTL_PROBE_SPIN_LOCK_HELD, nullptr,
          "callback returned holding a spin lock: EvtIoDeviceControl"},
-        {"using a deleted object", 1, IOCTL_PROBE_USE_DELETED, nullptr,
-         "use of a deleted WDFWAITLOCK"},
         {"pool leaked at unload", 1, IOCTL_PROBE_LEAK_POOL, [](DeviceStack& s) { s.unload(); },
          "DRIVER_VERIFIER_DETECTED_VIOLATION.*without freeing 1 pool allocation"
          ".*PRBE"},
-        {"request never completed blocks D0 exit", 1, IOCTL_PROBE_HOLD,
-         [](DeviceStack& s) { s.sleep(); }, "DRIVER_POWER_STATE_FAILURE.*cannot leave D0"},
+        {"request never completed: 0x9F once the watchdog gives up", 1, IOCTL_PROBE_HOLD,
+         [](DeviceStack& s) { s.sleep(); },
+         "DRIVER_POWER_STATE_FAILURE.*cannot leave D0.*Time: +300000\\."},
         {"request leaked at removal", 0, IOCTL_PROBE_HOLD, [](DeviceStack& s) { s.remove(); },
          "removed while the driver still holds 1 request"},
     };

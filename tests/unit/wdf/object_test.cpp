@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -21,21 +22,14 @@ struct OtherContext {
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(OtherContext, GetOtherContext)
 
 std::vector<std::string> g_events;
-std::string name_of(WDFOBJECT object)
-{
-    auto* ctx = GetLockContext(object);
-    return ctx ? std::to_string(ctx->Value) : "?";
-}
 VOID RecordCleanup(WDFOBJECT object)
 {
-    g_events.push_back("cleanup " + name_of(object));
+    g_events.push_back("cleanup " + std::to_string(GetLockContext(object)->Value));
 }
 VOID RecordDestroy(WDFOBJECT object)
 {
-    g_events.push_back("destroy " + name_of(object));
+    g_events.push_back("destroy " + std::to_string(GetLockContext(object)->Value));
 }
-
-using ObjectTest = FrameworkTest;
 
 WDFWAITLOCK make_lock(WDFOBJECT parent, ULONG value)
 {
@@ -50,22 +44,17 @@ WDFWAITLOCK make_lock(WDFOBJECT parent, ULONG value)
     return lock;
 }
 
+using ObjectTest = FrameworkTest;
+
 TEST_F(ObjectTest, ContextIsZeroedTypedAndLeadsBackToItsObject)
 {
-    WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, LockContext);
-    WDFWAITLOCK lock;
-    ASSERT_EQ(WdfWaitLockCreate(&attributes, &lock), STATUS_SUCCESS);
-
+    WDFWAITLOCK lock = make_lock(nullptr, 0);
     LockContext* ctx = GetLockContext(lock);
-    ASSERT_NE(ctx, nullptr);
-    EXPECT_EQ(ctx->Value, 0u);
-    for (UCHAR b : ctx->Bytes) {
-        EXPECT_EQ(b, 0);
-    }
+    EXPECT_EQ(std::count(std::begin(ctx->Bytes), std::end(ctx->Bytes), 0), 60);
     EXPECT_EQ(WdfObjectContextGetObject(ctx), static_cast<WDFOBJECT>(lock));
     EXPECT_EQ(GetOtherContext(lock), nullptr) << "a type the object does not carry";
 
+    WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, OtherContext);
     PVOID other = nullptr;
     ASSERT_EQ(WdfObjectAllocateContext(lock, &attributes, &other), STATUS_SUCCESS);
@@ -74,52 +63,39 @@ TEST_F(ObjectTest, ContextIsZeroedTypedAndLeadsBackToItsObject)
     EXPECT_EQ(GetLockContext(lock), ctx) << "the first context stays where it was";
 }
 
-TEST_F(ObjectTest, DeletingAParentDeletesChildrenFirstThenCallsDestroy)
+TEST_F(ObjectTest, ChildrenGoBeforeTheirParentAndUnparentedObjectsGoWithTheDriver)
 {
     g_events.clear();
     WDFWAITLOCK parent = make_lock(nullptr, 1);
     make_lock(parent, 2);
-    WDFWAITLOCK child = make_lock(parent, 3);
-    make_lock(child, 4);
+    make_lock(make_lock(parent, 3), 4);
+    make_lock(nullptr, 7);
+    std::size_t before = Objects::live_count();
 
     WdfObjectDelete(parent);
     EXPECT_EQ(g_events,
               (std::vector<std::string>{"cleanup 4", "destroy 4", "cleanup 3", "destroy 3",
                                         "cleanup 2", "destroy 2", "cleanup 1", "destroy 1"}));
-}
-
-TEST_F(ObjectTest, ObjectsWithoutParentGoWithTheDriver)
-{
     g_events.clear();
-    make_lock(nullptr, 7);
-    std::size_t before = Objects::live_count();
     Objects::get<Driver>(driver_, Kind::Driver, "test")->unload();
     EXPECT_EQ(g_events, (std::vector<std::string>{"cleanup 7", "destroy 7"}));
-    EXPECT_EQ(Objects::live_count(), before - 2);
+    EXPECT_EQ(Objects::live_count(), before - 6) << "four locks, the last one and the driver";
 }
 
-TEST_F(ObjectTest, InjectedCreationFailureLeavesNoObject)
-{
-    faults::add(faults::fail_nth_create(2, Kind::WaitLock));
-    std::size_t before = Objects::live_count();
-    WDFWAITLOCK first, second, third;
-    EXPECT_EQ(WdfWaitLockCreate(WDF_NO_OBJECT_ATTRIBUTES, &first), STATUS_SUCCESS);
-    EXPECT_EQ(WdfWaitLockCreate(WDF_NO_OBJECT_ATTRIBUTES, &second), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(second, nullptr);
-    EXPECT_EQ(WdfWaitLockCreate(WDF_NO_OBJECT_ATTRIBUTES, &third), STATUS_SUCCESS);
-    EXPECT_EQ(Objects::live_count(), before + 2);
-    faults::clear();
-}
-
-TEST_F(ObjectTest, RandomCreationFaultsReplayFromTheirSeed)
+TEST_F(ObjectTest, RandomCreationFaultsReplayFromTheirSeedAndLeaveNoObject)
 {
     auto pattern = [](std::uint64_t seed) {
         faults::add(faults::fail_random(faults::Site::Create, seed, 0.5));
+        std::size_t before = Objects::live_count();
         std::string out;
         for (int i = 0; i < 32; i++) {
             WDFWAITLOCK lock;
-            out += NT_SUCCESS(WdfWaitLockCreate(WDF_NO_OBJECT_ATTRIBUTES, &lock)) ? '.' : 'x';
+            bool made = NT_SUCCESS(WdfWaitLockCreate(WDF_NO_OBJECT_ATTRIBUTES, &lock));
+            EXPECT_EQ(made, lock != nullptr);
+            out += made ? '.' : 'x';
         }
+        EXPECT_EQ(Objects::live_count() - before,
+                  static_cast<std::size_t>(std::count(out.begin(), out.end(), '.')));
         faults::clear();
         return out;
     };
@@ -130,53 +106,47 @@ TEST_F(ObjectTest, RandomCreationFaultsReplayFromTheirSeed)
     EXPECT_NE(first.find('.'), std::string::npos);
 }
 
-TEST_F(ObjectTest, RegistryParametersAreReadCaseInsensitively)
+// While the test holds the lock, a waiter gives up at its timeout (at once for 0), or without
+// one gets the lock when it is released; a free lock is taken even with a zero timeout.
+TEST_F(ObjectTest, WaitLockWaitersGetItOnReleaseOrGiveUpAtTheirTimeout)
 {
-    system_.parameters[u"BaudRateIndex"] = 115200;
-    DECLARE_CONST_UNICODE_STRING(present, u"baudrateindex");
-    DECLARE_CONST_UNICODE_STRING(absent, u"Missing");
-    WDFKEY key;
-    ASSERT_EQ(
-        WdfDriverOpenParametersRegistryKey(driver_, GENERIC_READ, WDF_NO_OBJECT_ATTRIBUTES, &key),
-        STATUS_SUCCESS);
-    ULONG value = 1;
-    EXPECT_EQ(WdfRegistryQueryULong(key, &present, &value), STATUS_SUCCESS);
-    EXPECT_EQ(value, 115200u);
-    EXPECT_EQ(WdfRegistryQueryULong(key, &absent, &value), STATUS_OBJECT_NAME_NOT_FOUND);
-    WdfRegistryClose(key);
-}
-
-using ObjectDeathTest = ObjectTest;
-
-TEST_F(ObjectDeathTest, MisusedHandlesStopTheRun)
-{
+    constexpr LONGLONG kUntilReleased = -1;
     struct Case {
-        const char* name;
-        void (*misuse)(WDFDRIVER driver);
-        const char* report;
+        LONGLONG timeout_ms;
+        NTSTATUS status;
+        sched::Nanos waited;
     };
-    const Case cases[] = {
-        {"deleted handle",
-         [](WDFDRIVER) {
-             WDFWAITLOCK lock;
-             WdfWaitLockCreate(WDF_NO_OBJECT_ATTRIBUTES, &lock);
-             WdfObjectDelete(lock);
-             WdfWaitLockAcquire(lock, nullptr);
-         },
-         "use of a deleted WDFWAITLOCK"},
-        {"wrong handle type",
-         [](WDFDRIVER driver) {
-             WdfWaitLockAcquire(reinterpret_cast<WDFWAITLOCK>(driver), nullptr);
-         },
-         "WDFDRIVER passed where WDFWAITLOCK is expected"},
-        {"null handle", [](WDFDRIVER) { WdfObjectDelete(nullptr); }, "null framework handle"},
-        {"driver object deleted by the driver", [](WDFDRIVER driver) { WdfObjectDelete(driver); },
-         "WdfObjectDelete on a WDFDRIVER"},
-    };
+    const Case cases[] = {{0, STATUS_TIMEOUT, 0},
+                          {10, STATUS_TIMEOUT, 10 * sched::kMillisecond},
+                          {kUntilReleased, STATUS_SUCCESS, 20 * sched::kMillisecond}};
+    WDFWAITLOCK lock;
+    ASSERT_EQ(WdfWaitLockCreate(WDF_NO_OBJECT_ATTRIBUTES, &lock), STATUS_SUCCESS);
+    ASSERT_EQ(WdfWaitLockAcquire(lock, nullptr), STATUS_SUCCESS);
+    auto& s = sched::current();
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_DEATH(c.misuse(driver_), c.report);
+        SCOPED_TRACE(c.timeout_ms);
+        NTSTATUS status = STATUS_PENDING;
+        sched::Nanos waited = -1;
+        auto* waiter = s.spawn("waiter", [&] {
+            LONGLONG timeout = -c.timeout_ms * 10'000;
+            sched::Nanos start = s.now();
+            status = WdfWaitLockAcquire(lock, c.timeout_ms == kUntilReleased ? nullptr : &timeout);
+            waited = s.now() - start;
+            if (status == STATUS_SUCCESS) {
+                WdfWaitLockRelease(lock);
+            }
+        });
+        if (c.timeout_ms == kUntilReleased) {
+            s.sleep_until(s.now() + 20 * sched::kMillisecond, "holding the lock");
+            WdfWaitLockRelease(lock);
+        }
+        s.join(waiter);
+        EXPECT_EQ(status, c.status);
+        EXPECT_EQ(waited, c.waited);
     }
+    LONGLONG zero = 0;
+    EXPECT_EQ(WdfWaitLockAcquire(lock, &zero), STATUS_SUCCESS) << "a free lock is taken at once";
+    WdfWaitLockRelease(lock);
 }
 
 } // namespace
