@@ -1,6 +1,6 @@
-// Transmit frames: CRC, layout, padding, size limits and allocation failures.
-#include <gmock/gmock.h>
-
+// Transmit frames (CRC, layout, padding, size limits, allocation failures), the byte-order
+// helpers payloads are written with, and the diagnostic dump line.
+#include <cstring>
 #include <random>
 
 #include "link_fixture.h"
@@ -11,103 +11,85 @@ namespace mvgps::test
 namespace
 {
 
-using testing::HasSubstr;
-
-// Bit by bit, as the polynomial defines it: an independent check of the table.
-std::uint16_t reference_crc(const Bytes& data)
-{
-    std::uint16_t crc = 0;
-    for (std::uint8_t byte : data) {
-        crc ^= static_cast<std::uint16_t>(byte << 8);
-        for (int bit = 0; bit < 8; bit++) {
-            crc = (crc & 0x8000) ? static_cast<std::uint16_t>((crc << 1) ^ 0x1021)
-                                 : static_cast<std::uint16_t>(crc << 1);
-        }
-    }
-    return crc;
-}
-
 using FrameTest = LinkTest;
 
 TEST_F(FrameTest, CrcIsXmodem)
 {
-    const Bytes digits{'1', '2', '3', '4', '5', '6', '7', '8', '9'};
-    EXPECT_EQ(hci_crc16(digits.data(), 9), 0x31C3);
-    EXPECT_EQ(hci_crc16(digits.data(), 0), 0);
-
+    EXPECT_EQ(hci_crc16(reinterpret_cast<const UCHAR*>("123456789"), 9), 0x31C3);
+    EXPECT_EQ(hci_crc16(nullptr, 0), 0);
+    // Against the polynomial worked bit by bit, an independent check of the table.
     std::mt19937_64 random(sched_.get().seed());
     for (int i = 0; i < 200; i++) {
         Bytes data(random() % 300);
-        for (auto& b : data) {
-            b = static_cast<std::uint8_t>(random());
+        std::uint16_t crc = 0;
+        for (auto& byte : data) {
+            byte = static_cast<std::uint8_t>(random());
+            crc ^= static_cast<std::uint16_t>(byte << 8);
+            for (int bit = 0; bit < 8; bit++) {
+                crc = static_cast<std::uint16_t>((crc << 1) ^ ((crc & 0x8000) ? 0x1021 : 0));
+            }
         }
-        ASSERT_EQ(hci_crc16(data.data(), static_cast<USHORT>(data.size())), reference_crc(data))
+        ASSERT_EQ(hci_crc16(data.data(), static_cast<USHORT>(data.size())), crc)
             << "length " << data.size();
     }
 }
 
-struct BuildCase {
-    const char* name;
-    std::uint8_t crc, pid, sid;
-    const char* payload;
-    const char* expected; // the whole transmitted buffer
-};
-
 TEST_F(FrameTest, BuildsPaddedFrames)
 {
-    const BuildCase cases[] = {
-        {"crc, no payload", 1, 0xFF, 2, "", "A5 80 02 FF 02 90 E5 A5"},
-        {"no crc, no payload", 0, 0x20, 6, "", "A5 00 02 20 06 A5 FF FF"},
-        {"crc, one byte", 1, 0x04, 1, "5A", "A5 80 05 04 01 00 01 5A DF C4 A5 FF FF FF FF FF"},
-        {"no crc, six bytes", 0, 0x06, 0, "01 02 03 04 05 06",
+    const UCHAR ignored = 0x42;
+    struct Case {
+        std::uint8_t crc, pid, sid;
+        const char* payload;
+        const UCHAR* empty_payload; // passed when there is no payload
+        const char* expected;       // the whole transmitted buffer
+    };
+    const Case cases[] = {
+        {1, 0xFF, 2, "", nullptr, "A5 80 02 FF 02 90 E5 A5"},
+        {0, 0x20, 6, "", nullptr, "A5 00 02 20 06 A5 FF FF"},
+        // A payload pointer with length 0 is no payload at all.
+        {0, 0x20, 6, "", &ignored, "A5 00 02 20 06 A5 FF FF"},
+        {1, 0x04, 1, "5A", nullptr, "A5 80 05 04 01 00 01 5A DF C4 A5 FF FF FF FF FF"},
+        {0, 0x06, 0, "01 02 03 04 05 06", nullptr,
          "A5 00 0A 06 00 00 06 01 02 03 04 05 06 A5 FF FF"},
     };
-    for (const BuildCase& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.expected);
         const Bytes payload = hex(c.payload);
-        hci_tx_packet* packet =
-            create_hci_tx_packet(c.crc, c.pid, c.sid, payload.empty() ? nullptr : payload.data(),
-                                 static_cast<USHORT>(payload.size()));
+        const bool has_payload = !payload.empty();
+        hci_tx_packet* packet = create_hci_tx_packet(c.crc, c.pid, c.sid,
+                                                     has_payload ? payload.data() : c.empty_payload,
+                                                     static_cast<USHORT>(payload.size()));
         ASSERT_NE(packet, nullptr);
         EXPECT_EQ(Bytes(packet->buffer, packet->buffer + packet->buffer_len), hex(c.expected));
-        EXPECT_EQ(packet->crc_flag, c.crc);
-        EXPECT_EQ(packet->pid, c.pid);
-        EXPECT_EQ(packet->sid, c.sid);
-        const bool has_payload = !payload.empty();
         EXPECT_EQ(packet->has_payload, has_payload ? 1 : 0);
         EXPECT_EQ(packet->payload_len, payload.size());
-        EXPECT_EQ(packet->payload_len_copy, payload.size());
         EXPECT_EQ(packet->payload, has_payload ? packet->buffer + 7 : nullptr);
         free_hci_tx_packet(packet);
     }
-
-    // A payload pointer with length 0 is no payload at all.
-    const UCHAR ignored = 0x42;
-    hci_tx_packet* packet = create_hci_tx_packet(0, 0x20, 6, &ignored, 0);
-    ASSERT_NE(packet, nullptr);
-    EXPECT_EQ(Bytes(packet->buffer, packet->buffer + packet->buffer_len), hex(cases[1].expected));
-    EXPECT_EQ(packet->payload, nullptr);
-    free_hci_tx_packet(packet);
+    free_hci_tx_packet(nullptr);
 }
 
-TEST_F(FrameTest, PayloadLengthLimits)
+TEST_F(FrameTest, PayloadLimits)
 {
     struct Case {
         USHORT length;
+        bool null_payload;
         bool built;
         LONG receive_status; // what a receiver makes of the frame
     };
     const Case cases[] = {
-        {4091, true, PKT_FULL},  // the longest well-formed frame
-        {4092, true, PKT_LARGE}, // length 0x1000 spills into a reserved bit
-        {4096, true, PKT_LARGE}, // the longest accepted
-        {4097, false, 0},
+        {1, true, false, 0},            // a length without bytes
+        {4091, false, true, PKT_FULL},  // the longest well-formed frame
+        {4092, false, true, PKT_LARGE}, // length 0x1000 spills into a reserved bit
+        {4096, false, true, PKT_LARGE}, // the longest accepted
+        {4097, false, false, 0},
     };
     Bytes payload(4097, 0x11);
     for (const Case& c : cases) {
         SCOPED_TRACE(c.length);
         kernel::clear_debug_output();
-        hci_tx_packet* packet = create_hci_tx_packet(1, 0x05, 1, payload.data(), c.length);
+        hci_tx_packet* packet =
+            create_hci_tx_packet(1, 0x05, 1, c.null_payload ? nullptr : payload.data(), c.length);
         if (!c.built) {
             EXPECT_EQ(packet, nullptr);
             EXPECT_THAT(log(), HasSubstr(log_line("create_hci_tx_packet", "invalid arguments\n")));
@@ -118,64 +100,76 @@ TEST_F(FrameTest, PayloadLengthLimits)
         EXPECT_EQ(packet->buffer[1] & 0x10, c.length >= 4092 ? 0x10 : 0);
         USHORT total = 0;
         EXPECT_EQ(check_pkt_status(packet->buffer, packet->buffer_len, &total), c.receive_status);
-        if (c.receive_status == PKT_FULL) {
-            EXPECT_EQ(total, c.length + 10);
-        }
+        EXPECT_EQ(total, c.receive_status == PKT_FULL ? c.length + 10 : 0);
         free_hci_tx_packet(packet);
     }
 }
 
-TEST_F(FrameTest, RefusesMissingPayload)
-{
-    EXPECT_EQ(create_hci_tx_packet(1, 1, 1, nullptr, 1), nullptr);
-    EXPECT_THAT(log(), HasSubstr(log_line("create_hci_tx_packet", "invalid arguments\n")));
-    free_hci_tx_packet(nullptr);
-}
-
 TEST_F(FrameTest, AllocationFailureLeavesNothingAllocated)
 {
-    struct Case {
-        std::uint64_t failing; // which driver-tag allocation fails
-        const char* message;
-    };
-    const Case cases[] = {
-        {1, "failed to alloc packet struct\n"},
-        {2, "failed to alloc packet\n"},
-    };
     const std::uint8_t payload[3] = {1, 2, 3};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.message);
+    // Which driver-tag allocation fails: the packet record, then its buffer.
+    for (const auto& [failing, message] :
+         {std::pair<int, const char*>{1, "failed to alloc packet struct\n"},
+          {2, "failed to alloc packet\n"}}) {
+        SCOPED_TRACE(message);
         const auto before = kernel::pool_stats(DRIVER_POOL_TAG).live_blocks;
         kernel::clear_debug_output();
-        kernel::add_pool_fault(kernel::fail_nth(c.failing, DRIVER_POOL_TAG));
+        kernel::add_pool_fault(kernel::fail_nth(failing, DRIVER_POOL_TAG));
         EXPECT_EQ(create_hci_tx_packet(1, 1, 1, payload, 3), nullptr);
         kernel::clear_pool_faults();
-        EXPECT_THAT(log(), HasSubstr(log_line("create_hci_tx_packet", c.message)));
+        EXPECT_THAT(log(), HasSubstr(log_line("create_hci_tx_packet", message)));
         EXPECT_EQ(kernel::pool_stats(DRIVER_POOL_TAG).live_blocks, before);
     }
 }
 
-// Every frame the driver builds is one the receive path accepts, unchanged.
-TEST_F(FrameTest, BuiltFramesAreReceivedIntact)
+TEST_F(FrameTest, OrderedValuesFollowTheMode)
 {
-    std::mt19937_64 random(sched_.get().seed());
-    for (std::size_t length : {0, 1, 2, 7, 8, 9, 100, 255, 256, 1000, 2040}) {
-        for (std::uint8_t crc : {0, 1}) {
-            SCOPED_TRACE(testing::Message() << "length " << length << " crc " << int(crc));
-            Bytes payload(length);
-            for (auto& b : payload) {
-                b = static_cast<std::uint8_t>(random());
-            }
-            const std::uint8_t pid = static_cast<std::uint8_t>(random() % 51);
-            const std::uint8_t sid = static_cast<std::uint8_t>(random() % 15);
-            recorder_.frames.clear();
-            scan(tx_frame(crc, pid, sid, payload, true));
-            ASSERT_EQ(recorder_.frames.size(), 1u);
-            EXPECT_EQ(recorder_.frames[0].frame, tx_frame(crc, pid, sid, payload));
-            EXPECT_EQ(recorder_.frames[0].crc_flag, crc);
-            EXPECT_EQ(circ_.circ_count, 0);
-        }
+    struct Case {
+        ULONG mode;
+        Bytes u16;     // put_u16_ordered(0x1234)
+        Bytes u32;     // put_u32_ordered(0x12345678)
+        ULONG get0001; // get_u32_ordered(00, 00, 00, 01)
+    };
+    const Case cases[] = {
+        {0, {0x12, 0x34}, {0x12, 0x34, 0x56, 0x78}, 0x00000001},
+        {1, {0x34, 0x12}, {0x78, 0x56, 0x34, 0x12}, 0x01000000},
+        {2, {0x12, 0x34}, {0x12, 0x34, 0x56, 0x78}, 0x00000001}, // anything but 1 is big-endian
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.mode);
+        EXPECT_EQ(set_hci_endian_mode(c.mode), 0);
+        Bytes u16(2), u32(4);
+        put_u16_ordered(0x1234, u16.data());
+        put_u32_ordered(0x12345678, u32.data());
+        EXPECT_EQ(u16, c.u16);
+        EXPECT_EQ(u32, c.u32);
+        EXPECT_EQ(get_u32_ordered(0, 0, 0, 1), c.get0001);
     }
+}
+
+// The line holds at most 16 entries: each 16 bytes it starts again.
+TEST_F(FrameTest, HexDumpKeepsOneLine)
+{
+    Bytes many(1024);
+    for (std::size_t i = 0; i < many.size(); i++) {
+        many[i] = static_cast<std::uint8_t>(i % 16 == 0 ? 0xAB : i % 17);
+    }
+    const std::pair<std::size_t, const char*> cases[] = {
+        {3, "ab 01 02 "},
+        {16, "ab 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f "},
+        {17, "ab "},
+        {1024, "ab 06 07 08 09 0a 0b 0c 0d 0e 0f 10 00 01 02 03 "},
+    };
+    for (const auto& [count, line] : cases) {
+        std::memset(hci_hex_dump_line, 'x', sizeof hci_hex_dump_line);
+        hci_hex_dump(many.data(), static_cast<ULONG>(count));
+        EXPECT_STREQ(hci_hex_dump_line, line) << count;
+    }
+    // Nothing to dump leaves the line as it was.
+    hci_hex_dump(nullptr, 5);
+    hci_hex_dump(many.data(), 0);
+    EXPECT_STREQ(hci_hex_dump_line, cases[3].second);
 }
 
 } // namespace

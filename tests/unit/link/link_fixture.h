@@ -1,38 +1,30 @@
-// Shared set-up of the link tests: a simulated scheduler, the driver-wide receive state
+// Shared set-up of the link tests: the platform fixture, the driver-wide receive state
 // cleared, and a handler that records every frame the receive path hands over.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cstdint>
-#include <cstdio>
-#include <string>
 #include <vector>
 
-#include "kernel/kernel.h"
+#include "../os/os_fixture.h"
 #include "link/hci.h"
-#include "sched/sched.h"
 
 namespace mvgps::test
 {
 
 using Bytes = std::vector<std::uint8_t>;
-
-struct Delivered {
-    Bytes frame;
-    std::uint8_t crc_flag;
-    bool operator==(const Delivered&) const = default;
-};
+using testing::ElementsAre;
 
 struct Recorder {
-    std::vector<Delivered> frames;
+    std::vector<Bytes> frames;
+    std::vector<UCHAR> crc_flags;
     LONG result = 0;
 };
 
 inline LONG record_frame(const UCHAR* frame, USHORT len, UCHAR crc_flag, PVOID context)
 {
     auto* recorder = static_cast<Recorder*>(context);
-    recorder->frames.push_back({Bytes(frame, frame + len), crc_flag});
+    recorder->frames.emplace_back(frame, frame + len);
+    recorder->crc_flags.push_back(crc_flag);
     return recorder->result;
 }
 
@@ -40,13 +32,9 @@ inline LONG record_frame(const UCHAR* frame, USHORT len, UCHAR crc_flag, PVOID c
 inline Bytes hex(const char* text)
 {
     Bytes bytes;
-    for (const char* p = text; *p != '\0';) {
-        if (*p == ' ') {
-            p++;
-            continue;
-        }
-        bytes.push_back(static_cast<std::uint8_t>(std::stoi(std::string(p, 2), nullptr, 16)));
-        p += 2;
+    for (unsigned int byte = 0, used = 0; std::sscanf(text, " %2x%n", &byte, &used) == 1;
+         text += used) {
+        bytes.push_back(static_cast<std::uint8_t>(byte));
     }
     return bytes;
 }
@@ -77,38 +65,29 @@ inline Bytes concat(std::initializer_list<Bytes> parts)
     return all;
 }
 
-// One debug-log line as the driver prints it, less the source line number.
-inline std::string log_line(const char* function, const std::string& message)
-{
-    char prefix[64];
-    std::snprintf(prefix, sizeof prefix, "%-40.39s  ", function);
-    return prefix + message;
-}
-
-class LinkTest : public testing::Test
+class LinkTest : public OsTest
 {
   protected:
-    LinkTest() : sched_(sched::make_simulated(sched::seed_from_env())) {}
-
     void SetUp() override
     {
-        reset_counters();
         set_hci_endian_mode(0);
         set_pkt_parse_callback(record_frame);
-        init_hci_circ(&circ_);
-        kernel::clear_debug_output();
+        restart();
     }
-
     void TearDown() override
     {
-        kernel::clear_pool_faults();
         set_pkt_parse_callback(nullptr);
+        OsTest::TearDown();
     }
 
-    static void reset_counters()
+    // Forgets every frame and byte received so far.
+    void restart()
     {
+        recorder_ = {};
+        init_hci_circ(&circ_);
         cnt_no_sync = cnt_full = cnt_short = cnt_part = 0;
         cnt_large = cnt_ipsid = cnt_no_tail = 0;
+        kernel::clear_debug_output();
     }
     void recv(const Bytes& chunk)
     {
@@ -118,17 +97,7 @@ class LinkTest : public testing::Test
     {
         return process_buff(chunk.data(), static_cast<USHORT>(chunk.size()), &recorder_, &circ_);
     }
-    std::vector<Bytes> frames() const
-    {
-        std::vector<Bytes> out;
-        for (const Delivered& d : recorder_.frames) {
-            out.push_back(d.frame);
-        }
-        return out;
-    }
-    static std::string log() { return kernel::debug_output(); }
 
-    sched::Install sched_;
     Recorder recorder_;
     hci_circ circ_{};
 };

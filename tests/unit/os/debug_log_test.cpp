@@ -6,17 +6,7 @@ namespace mvgps::test
 namespace
 {
 
-using testing::HasSubstr;
-
-class DebugLogTest : public OsTest
-{
-  protected:
-    void TearDown() override
-    {
-        DebugLogMask = DEBUG_LOG_MASK_DEFAULT;
-        OsTest::TearDown();
-    }
-};
+using DebugLogTest = OsTest;
 
 int print_sample(ULONG log_class)
 {
@@ -55,21 +45,15 @@ TEST_F(DebugLogTest, ClassBitsGateMessages)
     };
     const Case cases[] = {
         {DEBUG_LOG_MASK_DEFAULT, DBG_ENTRY, false},
-        {DEBUG_LOG_MASK_DEFAULT, DBG_BANNER, true},
         {DEBUG_LOG_MASK_DEFAULT, DBG_OS, true},
-        {DEBUG_LOG_MASK_DEFAULT, DBG_TRACE, true},
-        {DEBUG_LOG_MASK_DEFAULT, DBG_READQ, true},
         {DEBUG_LOG_MASK_DEFAULT, DBG_CHILD, false},
-        {DEBUG_LOG_MASK_DEFAULT, DBG_BAUD, true},
         {DEBUG_LOG_MASK_DEFAULT, DBG_COMPLETE, false},
         {DEBUG_LOG_MASK_DEFAULT, DBG_QUEUE, true},
-        {DEBUG_LOG_MASK_DEFAULT, DBG_ERROR, true},
         // The error class is the sign of the mask.
         {0x80000000u, DBG_ERROR, true},
         {0x80000000u, DBG_OS, false},
         {0x7FFFFFFFu, DBG_ERROR, false},
         {0x7FFFFFFFu, DBG_COMPLETE, true},
-        {0, DBG_OS, false},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message()
@@ -79,6 +63,7 @@ TEST_F(DebugLogTest, ClassBitsGateMessages)
         print_sample(c.log_class);
         EXPECT_EQ(log().find("sample 42") != std::string::npos, c.printed);
     }
+    DebugLogMask = DEBUG_LOG_MASK_DEFAULT;
 }
 
 } // namespace

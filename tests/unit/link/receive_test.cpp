@@ -1,0 +1,294 @@
+// The receive path: classification of received bytes, the final checks of a complete frame,
+// and reassembly of frames from reads cut anywhere, resynchronisation and what is dropped.
+#include "link_fixture.h"
+
+namespace mvgps::test
+{
+namespace
+{
+
+Bytes slice(const Bytes& b, std::size_t from, std::size_t to)
+{
+    return Bytes(b.begin() + static_cast<std::ptrdiff_t>(from),
+                 b.begin() + static_cast<std::ptrdiff_t>(to));
+}
+
+Bytes times(const Bytes& b, int n)
+{
+    Bytes all;
+    for (int i = 0; i < n; i++) {
+        all.insert(all.end(), b.begin(), b.end());
+    }
+    return all;
+}
+
+class ReceiveTest : public LinkTest
+{
+  protected:
+    // Hands the stream over in reads ending at the given offsets (empty reads are skipped, as
+    // the read thread never passes them on).
+    void feed(const Bytes& stream, std::vector<std::size_t> ends)
+    {
+        std::size_t from = 0;
+        ends.push_back(stream.size());
+        for (std::size_t end : ends) {
+            if (end > from) {
+                recv(slice(stream, from, end));
+            }
+            from = end;
+        }
+    }
+};
+
+TEST_F(ReceiveTest, ClassifiesTheStartOfABuffer)
+{
+    struct Case {
+        const char* bytes;
+        LONG status;
+        USHORT total; // written only for PKT_FULL
+    };
+    // Boundaries of the identifier and length checks; the reassembly tests cover the rest.
+    const Case cases[] = {
+        {"", PKT_SHORT, 0},
+        {"A5 00 02 32 0E A5 FF FF", PKT_FULL, 6}, // pid 50, sid 14
+        {"A5 00 02 FF 00 A5", PKT_FULL, 6},       // pid 255
+        {"A5 00 02 33 00 A5", PKT_IPSID, 0},      // pid 51
+        {"A5 00 02 FE 00 A5", PKT_IPSID, 0},
+        {"A5 00 02 01 0F A5", PKT_IPSID, 0}, // sid 15
+        {"A5 70 02 33 00 A5", PKT_IPSID, 0}, // identifiers before reserved bits
+        {"A5 C0 02 01 01 A5", PKT_LARGE, 0},
+        {"A5 8F FF 01 01 A5", PKT_PART, 0},
+        {"A5 80 02 01 01 00 00 A5", PKT_FULL, 8},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.bytes);
+        const Bytes bytes = hex(c.bytes);
+        USHORT total = 0xBEEF;
+        EXPECT_EQ(check_pkt_status(bytes.data(), static_cast<USHORT>(bytes.size()), &total),
+                  c.status);
+        EXPECT_EQ(total, c.status == PKT_FULL ? c.total : 0xBEEF);
+    }
+}
+
+TEST_F(ReceiveTest, ParseOnePacketChecksLengthAndMarks)
+{
+    struct Case {
+        const char* frame;
+        const char* message; // null when delivered
+        USHORT len = 0;      // 0: the whole frame
+    };
+    const Case cases[] = {
+        {"A5 00 05 01 02 00 01 10 A5", nullptr},
+        {"A5 80 02 FF 02 90 E5 A5", nullptr},
+        {"A5 00 05 01 02 00 01 10 A5", "length: 8, pkt_len: 9", 8},
+        {"A5 00", "length: 2, pkt_len: 6"},
+        // One wrong mark passes: the receive scan has checked both already.
+        {"00 00 05 01 02 00 01 10 A5", nullptr},
+        {"A5 00 05 01 02 00 01 10 00", nullptr},
+        {"00 00 05 01 02 00 01 10 00", "packet feature code error!"},
+    };
+    recorder_.result = 7;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.frame);
+        const Bytes frame = hex(c.frame);
+        const USHORT len = c.len != 0 ? c.len : static_cast<USHORT>(frame.size());
+        recorder_.frames.clear();
+        kernel::clear_debug_output();
+        EXPECT_EQ(parse_one_packet(frame.data(), len, &recorder_), c.message ? -1 : 7);
+        if (c.message != nullptr) {
+            EXPECT_THAT(recorder_.frames, testing::IsEmpty());
+            EXPECT_THAT(log(), HasSubstr(log_line("parse_one_packet", c.message)));
+        } else {
+            EXPECT_THAT(recorder_.frames, ElementsAre(frame));
+            EXPECT_EQ(recorder_.crc_flags.back(), frame[1] >> 7);
+        }
+    }
+    // Without a handler a good frame is accepted and goes nowhere.
+    set_pkt_parse_callback(nullptr);
+    EXPECT_EQ(parse_one_packet(hex(cases[0].frame).data(), 9, &recorder_), 0);
+}
+
+// Frames as the chip sends them: mixed sizes, with and without CRC, padded; payloads hold
+// sync and padding values too.
+TEST_F(ReceiveTest, EveryCutYieldsEveryFrame)
+{
+    const Bytes tricky{0xA5, 0xFF, 0xA5, 0xA5, 0x00, 0xFF, 0xFF, 0x80, 0x02};
+    const std::tuple<std::uint8_t, std::uint8_t, std::uint8_t, Bytes> sent[] = {
+        {1, 0x32, 0, Bytes(4, 0x11)},   {0, 0xFF, 3, {}}, {1, 0x05, 1, tricky}, {1, 0x04, 0, {}},
+        {0, 0x20, 14, Bytes(70, 0x5A)},
+    };
+    std::vector<Bytes> frames;
+    Bytes stream;
+    for (const auto& [crc, pid, sid, payload] : sent) {
+        frames.push_back(tx_frame(crc, pid, sid, payload));
+        stream = concat({stream, tx_frame(crc, pid, sid, payload, true)});
+    }
+    for (std::size_t i = 0; i <= stream.size(); i++) {
+        for (std::size_t j = i; j <= stream.size(); j++) {
+            restart();
+            feed(stream, {i, j});
+            ASSERT_EQ(recorder_.frames, frames) << "reads end at " << i << " and " << j;
+            ASSERT_EQ(circ_.circ_count, 0);
+        }
+    }
+    EXPECT_EQ(cnt_large + cnt_ipsid + cnt_no_tail, 0u);
+}
+
+TEST_F(ReceiveTest, GarbageAndPaddingAreSkipped)
+{
+    const Bytes a = tx_frame(1, 0x01, 0x01, {0x11});
+    const Bytes b = tx_frame(0, 0x02, 0x02);
+    const Bytes ff(300, 0xFF);
+    const Bytes cases[] = {
+        concat({{0x00, 0x13, 0x37, 0x80}, a, b}),
+        concat({a, ff, b, ff}),
+        concat({a, {0x24, 0x47, 0x50}, b}),
+        concat({ff, a, b}),
+    };
+    for (const Bytes& stream : cases) {
+        restart();
+        recv(stream);
+        EXPECT_THAT(recorder_.frames, ElementsAre(a, b)) << testing::PrintToString(stream);
+        EXPECT_EQ(circ_.circ_count, 0);
+    }
+}
+
+TEST_F(ReceiveTest, BadFrameIsDroppedAlone)
+{
+    const Bytes before = tx_frame(1, 0x01, 0x01, {0x11, 0x22});
+    const Bytes after = tx_frame(0, 0x03, 0x03, {0x33});
+    Bytes bad_crc = tx_frame(1, 0x07, 0x08, {0x44, 0x55});
+    bad_crc[8] ^= 0x40;
+    Bytes bad_tail = tx_frame(0, 0x07, 0x08, {0x44, 0x55});
+    bad_tail.back() = 0x00;
+    struct Case {
+        Bytes bad;
+        bool split; // the bad frame in one read, or split across two
+        const char* function;
+        const char* message;
+    };
+    const Case cases[] = {
+        {bad_crc, false, "parse_one_packet", "pid 07, sid 08, CRC error"},
+        {bad_crc, true, "parse_one_packet", "pid 07, sid 08, CRC error"},
+        {bad_tail, false, "process_buff", "PKT_NO_TAIL"},
+        {bad_tail, true, "recv_hci_buffer", "[PKT_NO_TAIL] in circ, discard it, l 10, circ_pn 10"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.message);
+        restart();
+        const Bytes stream = concat({before, c.bad, after});
+        feed(stream, {c.split ? before.size() + 4 : stream.size()});
+        EXPECT_THAT(recorder_.frames, ElementsAre(before, after));
+        EXPECT_THAT(log(), HasSubstr(log_line(c.function, c.message)));
+    }
+}
+
+TEST_F(ReceiveTest, GiveUpAfterFourBadFramesOfOneKind)
+{
+    const Bytes no_tail = hex("A5 00 02 01 01 00");
+    const Bytes ipsid = hex("A5 00 02 33 00 00");
+    const Bytes large = hex("A5 10 02 01 01 00");
+    Bytes crc_error = tx_frame(1, 0x01, 0x01);
+    crc_error[5] ^= 1;
+    const Bytes good = tx_frame(1, 0x02, 0x02, {0x01, 0x02, 0x03}, true);
+    struct Case {
+        const char* name;
+        Bytes stream;
+        LONG result;
+        std::size_t delivered;
+    };
+    const Case cases[] = {
+        {"three without tail", concat({times(no_tail, 3), good}), 0, 1},
+        {"four without tail", concat({times(no_tail, 4), good, good}), -1, 0},
+        {"four bad identifiers", concat({times(ipsid, 4), good}), -1, 0},
+        {"four too large", concat({times(large, 4), good}), -1, 0},
+        {"three of each kind", concat({times(no_tail, 3), times(ipsid, 3), times(large, 3), good}),
+         0, 1},
+        {"a good frame starts the count again",
+         concat({times(no_tail, 3), good, times(no_tail, 3), good}), 0, 2},
+        // A CRC error is found after the scan has counted the frame as whole.
+        {"a crc error starts the count again",
+         concat({times(no_tail, 3), crc_error, times(no_tail, 3), good}), 0, 1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        restart();
+        cnt_full = 100;
+        EXPECT_EQ(scan(c.stream), c.result);
+        EXPECT_EQ(recorder_.frames.size(), c.delivered);
+        if (c.result == -1) {
+            // Every counter but the good-frame count starts again, and so does the scan.
+            EXPECT_EQ(cnt_no_sync + cnt_short + cnt_part + cnt_large + cnt_ipsid + cnt_no_tail, 0u);
+            EXPECT_EQ(cnt_full, 100u);
+            EXPECT_EQ(scan(good), 0);
+            EXPECT_EQ(recorder_.frames.size(), 1u);
+        }
+    }
+}
+
+TEST_F(ReceiveTest, ZeroBytesDoNothing)
+{
+    cnt_no_tail = 4; // over the limit, yet an empty scan gives up nothing
+    EXPECT_EQ(scan({}), 0);
+    EXPECT_EQ(cnt_no_tail, 4u);
+    cnt_no_tail = 0;
+    recv({});
+    EXPECT_TRUE(recorder_.frames.empty());
+    EXPECT_EQ(circ_.circ_count, 0);
+}
+
+// What the carry-over buffer loses, by design or because it is full.
+TEST_F(ReceiveTest, CarryOverLosses)
+{
+    const Bytes a = tx_frame(1, 0x01, 0x01, {0x11});
+    const Bytes b = tx_frame(0, 0x02, 0x02, {0x22});
+    const Bytes huge = tx_frame(1, 0x05, 0x00, Bytes(4091, 0x5A)); // 4101 bytes
+    struct Case {
+        const char* name;
+        std::vector<Bytes> reads;
+        std::vector<Bytes> delivered;
+        const char* message; // in recv_hci_buffer's log
+    };
+    const Case cases[] = {
+        // Bytes after a sync byte and padding are kept, with the header they no longer have;
+        // the frame they hold comes out one read late.
+        {"padding after a sync byte",
+         {{0xA5, 0xFF}, concat({{0xFF, 0xFF, 0xFF}, a}), b},
+         {a, b},
+         "Partial pkt in circ after copying, l 11, circ_pn 4101"},
+        // A held start that does not begin with a sync byte takes the next read with it.
+        {"held bytes without sync",
+         {{0xA5, 0xFF}, {0xFF, 0xFF, 0xFF, 0x01, 0x02}, a, b},
+         {b},
+         "no hci preamble code in circ"},
+        {"frame longer than the area",
+         {slice(huge, 0, 2048), slice(huge, 2048, 4096),
+          concat({slice(huge, 4096, huge.size()), a})},
+         {a},
+         "[PKT_PART] in circ, discard it, l 4101, circ_pn 4101, len 11, orig_len 16"},
+        {"frame longer than the area, in one read", {concat({huge, a})}, {huge, a}, nullptr},
+        {"start longer than the area",
+         {slice(huge, 0, 4100), concat({slice(huge, 4100, 4101), a})},
+         {a},
+         nullptr},
+        // Five bytes announcing a four-byte frame have nothing more to take.
+        {"start as long as its frame",
+         {hex("A5 00 00 01 01"), a},
+         {a},
+         "[PKT_SHORT] in circ, discard it, l 5, circ_pn 4"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        restart();
+        for (const Bytes& read : c.reads) {
+            recv(read);
+        }
+        EXPECT_EQ(recorder_.frames, c.delivered);
+        if (c.message != nullptr) {
+            EXPECT_THAT(log(), HasSubstr(log_line("recv_hci_buffer", c.message)));
+        }
+    }
+}
+
+} // namespace
+} // namespace mvgps::test
