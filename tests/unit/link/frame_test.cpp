@@ -1,8 +1,5 @@
-// Transmit frames (CRC, layout, padding, size limits, allocation failures), the byte-order
-// helpers payloads are written with, and the diagnostic dump line.
-#include <cstring>
-#include <random>
-
+// Transmit frames (CRC, layout, padding, size limits, allocation failures) and the byte-order
+// helpers payloads are written with.
 #include "link_fixture.h"
 #include "os/pool_tags.h"
 
@@ -17,21 +14,9 @@ TEST_F(FrameTest, CrcIsXmodem)
 {
     EXPECT_EQ(hci_crc16(reinterpret_cast<const UCHAR*>("123456789"), 9), 0x31C3);
     EXPECT_EQ(hci_crc16(nullptr, 0), 0);
-    // Against the polynomial worked bit by bit, an independent check of the table.
-    std::mt19937_64 random(sched_.get().seed());
-    for (int i = 0; i < 200; i++) {
-        Bytes data(random() % 300);
-        std::uint16_t crc = 0;
-        for (auto& byte : data) {
-            byte = static_cast<std::uint8_t>(random());
-            crc ^= static_cast<std::uint16_t>(byte << 8);
-            for (int bit = 0; bit < 8; bit++) {
-                crc = static_cast<std::uint16_t>((crc << 1) ^ ((crc & 0x8000) ? 0x1021 : 0));
-            }
-        }
-        ASSERT_EQ(hci_crc16(data.data(), static_cast<USHORT>(data.size())), crc)
-            << "length " << data.size();
-    }
+    // The table is checked when the driver compiles; these pin the lookup, bytes with the top
+    // bit set included.
+    EXPECT_EQ(hci_crc16(reinterpret_cast<const UCHAR*>("\xFF\x00\x80"), 3), 0x5EEB);
 }
 
 TEST_F(FrameTest, BuildsPaddedFrames)
@@ -125,51 +110,22 @@ TEST_F(FrameTest, AllocationFailureLeavesNothingAllocated)
 
 TEST_F(FrameTest, OrderedValuesFollowTheMode)
 {
-    struct Case {
-        ULONG mode;
-        Bytes u16;     // put_u16_ordered(0x1234)
-        Bytes u32;     // put_u32_ordered(0x12345678)
-        ULONG get0001; // get_u32_ordered(00, 00, 00, 01)
+    // The mode, then put_u16_ordered(0x1234) and put_u32_ordered(0x12345678).
+    const std::tuple<ULONG, Bytes, Bytes> cases[] = {
+        {0, {0x12, 0x34}, {0x12, 0x34, 0x56, 0x78}},
+        {1, {0x34, 0x12}, {0x78, 0x56, 0x34, 0x12}},
+        {2, {0x12, 0x34}, {0x12, 0x34, 0x56, 0x78}}, // anything but 1 is big-endian
     };
-    const Case cases[] = {
-        {0, {0x12, 0x34}, {0x12, 0x34, 0x56, 0x78}, 0x00000001},
-        {1, {0x34, 0x12}, {0x78, 0x56, 0x34, 0x12}, 0x01000000},
-        {2, {0x12, 0x34}, {0x12, 0x34, 0x56, 0x78}, 0x00000001}, // anything but 1 is big-endian
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.mode);
-        EXPECT_EQ(set_hci_endian_mode(c.mode), 0);
-        Bytes u16(2), u32(4);
-        put_u16_ordered(0x1234, u16.data());
-        put_u32_ordered(0x12345678, u32.data());
-        EXPECT_EQ(u16, c.u16);
-        EXPECT_EQ(u32, c.u32);
-        EXPECT_EQ(get_u32_ordered(0, 0, 0, 1), c.get0001);
+    for (const auto& [mode, u16, u32] : cases) {
+        SCOPED_TRACE(mode);
+        EXPECT_EQ(set_hci_endian_mode(mode), 0);
+        Bytes put16(2), put32(4);
+        put_u16_ordered(0x1234, put16.data());
+        put_u32_ordered(0x12345678, put32.data());
+        EXPECT_EQ(put16, u16);
+        EXPECT_EQ(put32, u32);
+        EXPECT_EQ(get_u32_ordered(u32[0], u32[1], u32[2], u32[3]), 0x12345678u);
     }
-}
-
-// The line holds at most 16 entries: each 16 bytes it starts again.
-TEST_F(FrameTest, HexDumpKeepsOneLine)
-{
-    Bytes many(1024);
-    for (std::size_t i = 0; i < many.size(); i++) {
-        many[i] = static_cast<std::uint8_t>(i % 16 == 0 ? 0xAB : i % 17);
-    }
-    const std::pair<std::size_t, const char*> cases[] = {
-        {3, "ab 01 02 "},
-        {16, "ab 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f "},
-        {17, "ab "},
-        {1024, "ab 06 07 08 09 0a 0b 0c 0d 0e 0f 10 00 01 02 03 "},
-    };
-    for (const auto& [count, line] : cases) {
-        std::memset(hci_hex_dump_line, 'x', sizeof hci_hex_dump_line);
-        hci_hex_dump(many.data(), static_cast<ULONG>(count));
-        EXPECT_STREQ(hci_hex_dump_line, line) << count;
-    }
-    // Nothing to dump leaves the line as it was.
-    hci_hex_dump(nullptr, 5);
-    hci_hex_dump(many.data(), 0);
-    EXPECT_STREQ(hci_hex_dump_line, cases[3].second);
 }
 
 } // namespace

@@ -51,11 +51,11 @@ VOID NTAPI hold_for_250_ms(PVOID mutex)
 TEST_F(SyncTest, EveryMutexTakeWaitsForTheHolder)
 {
     const auto blocks = live_os_blocks();
-    using Take = void (*)(OsMutex * &mutex);
+    using Take = void (*)(OsMutex**);
     const std::pair<const char*, Take> cases[] = {
-        {"acquire", [](OsMutex*& m) { OsAcquireMutex(m); }},
-        {"try", [](OsMutex*& m) { EXPECT_TRUE(OsTryAcquireMutex(m)); }},
-        {"free", [](OsMutex*& m) { OsFreeMutex(&m); }},
+        {"acquire", [](OsMutex** m) { OsAcquireMutex(*m); }},
+        {"try", [](OsMutex** m) { EXPECT_TRUE(OsTryAcquireMutex(*m)); }},
+        {"free", [](OsMutex** m) { OsFreeMutex(m); }},
     };
     for (const auto& [name, take] : cases) {
         SCOPED_TRACE(name);
@@ -64,7 +64,7 @@ TEST_F(SyncTest, EveryMutexTakeWaitsForTheHolder)
         PVOID thread = start(hold_for_250_ms, mutex);
         OsDelay(1); // the holder has the mutex by now
         const double began = now_ms();
-        take(mutex);
+        take(&mutex);
         EXPECT_DOUBLE_EQ(now_ms() - began, 249);
         join(thread);
         if (mutex != nullptr) {
