@@ -12,10 +12,10 @@ using FrameTest = LinkTest;
 
 TEST_F(FrameTest, CrcIsXmodem)
 {
-    EXPECT_EQ(hci_crc16(reinterpret_cast<const UCHAR*>("123456789"), 9), 0x31C3);
-    EXPECT_EQ(hci_crc16(nullptr, 0), 0);
     // The table is checked when the driver compiles; these pin the lookup, bytes with the top
     // bit set included.
+    EXPECT_EQ(hci_crc16(reinterpret_cast<const UCHAR*>("123456789"), 9), 0x31C3);
+    EXPECT_EQ(hci_crc16(nullptr, 0), 0);
     EXPECT_EQ(hci_crc16(reinterpret_cast<const UCHAR*>("\xFF\x00\x80"), 3), 0x5EEB);
 }
 
