@@ -32,7 +32,9 @@ static_assert(sizeof(OsMutex) == 72, "a mutex record is one 72-byte block");
 
 struct OsSignal {
     KEVENT Event; // notification event
-    ULONG State;  // mirrors the event: OS_SIGNAL_SET or OS_SIGNAL_CLEAR
+    // Mirrors the event: OS_SIGNAL_SET or OS_SIGNAL_CLEAR. Set and cleared from different
+    // threads, so it is stored with release and read with acquire.
+    volatile ULONG State;
     CHAR Name[OS_NAME_SIZE];
 };
 static_assert(sizeof(OsSignal) == 96, "a signal record is one 96-byte block");

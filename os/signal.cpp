@@ -21,7 +21,7 @@ _Use_decl_annotations_ OS_STATUS OsAllocateSignal(OsSignal** Signal, PCSTR Name)
 _Use_decl_annotations_ VOID OsSetSignal(OsSignal* Signal)
 {
     if (Signal != NULL) {
-        Signal->State = OS_SIGNAL_SET;
+        WriteULongRelease(&Signal->State, OS_SIGNAL_SET);
         KeSetEvent(&Signal->Event, 0, FALSE);
     }
 }
@@ -29,7 +29,7 @@ _Use_decl_annotations_ VOID OsSetSignal(OsSignal* Signal)
 _Use_decl_annotations_ VOID OsClearSignal(OsSignal* Signal)
 {
     if (Signal != NULL) {
-        Signal->State = OS_SIGNAL_CLEAR;
+        WriteULongRelease(&Signal->State, OS_SIGNAL_CLEAR);
         KeClearEvent(&Signal->Event);
     }
 }
@@ -64,8 +64,8 @@ _Use_decl_annotations_ VOID OsFreeSignal(OsSignal** Signal)
         return;
     }
     // Let any waiter of a clear signal go before its event disappears.
-    if (((*Signal)->State & OS_SIGNAL_CLEAR) != 0) {
-        (*Signal)->State = OS_SIGNAL_SET;
+    if ((ReadULongAcquire(&(*Signal)->State) & OS_SIGNAL_CLEAR) != 0) {
+        WriteULongRelease(&(*Signal)->State, OS_SIGNAL_SET);
         KeSetEvent(&(*Signal)->Event, 0, FALSE);
     }
     OsFreeMemory((PVOID*)Signal);

@@ -38,10 +38,13 @@ TEST_P(Commands, WritesAndResultFollowTheChipsAnswers)
     run_for(20 * kMillisecond); // the last write reaches the chip
 
     EXPECT_EQ(chip_received(0x22).size(), c.writes);
+    // Exact times are a property of the simulation; real time only adds to them.
     EXPECT_GE(took, c.min_time);
-    EXPECT_LE(took, c.max_time);
-    EXPECT_EQ(ext().WaitAck_flag, 0);
-    EXPECT_EQ(ext().DeviceAssocFinishSignal->State, OS_SIGNAL_CLEAR);
+    if (simulated()) {
+        EXPECT_LE(took, c.max_time);
+    }
+    EXPECT_EQ(peek(ext().WaitAck_flag), 0);
+    EXPECT_EQ(peek(ext().DeviceAssocFinishSignal->State), OS_SIGNAL_CLEAR);
 }
 
 // An accepted answer reaches the sender when the read that carries it ends, 10 ms after
@@ -99,7 +102,7 @@ TEST_F(DataPath, FailedWriteEndsTheCommandAtOnce)
     EXPECT_LT(now() - start, 2200 * kMillisecond);
     run_for(20 * kMillisecond);
     EXPECT_EQ(chip_received(0x22).size(), 2u);
-    EXPECT_EQ(ext().WaitAck_flag, 0);
+    EXPECT_EQ(peek(ext().WaitAck_flag), 0);
     // The mutex was released: the next command goes through.
     EXPECT_EQ(xfer(0x22, 5, {1}), 0);
 }

@@ -31,11 +31,13 @@ DataPath::DataPath() : sched_(sched::make_from_env())
 
 DataPath::~DataPath()
 {
-    remove();
+    // Helpers end on their own (a command gives up after its last attempt); the device goes
+    // only once nothing uses it.
     stop_keep_alive();
     for (sched::Thread* t : helpers_) {
         sched::current().join(t);
     }
+    remove();
     io::unbind(u"\\Device\\DataPathUart");
     wdf::faults::clear();
     kernel::clear_pool_faults();

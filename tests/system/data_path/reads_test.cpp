@@ -52,7 +52,7 @@ TEST_F(DataPath, PendingReadsGetTheFramesInArrivalOrder)
         EXPECT_EQ(text, expected[next]) << i;
         next = (next + 1) % expected.size();
     }
-    EXPECT_EQ(ext().HciPacketEventCount, 4);
+    EXPECT_EQ(peek(ext().HciPacketEventCount), 4);
 }
 
 struct SizeCase {
@@ -98,7 +98,7 @@ TEST_F(DataPath, FramesWithNoReaderAreDropped)
     start_with_chip(talking_chip());
     run_for(2500 * kMillisecond);
     EXPECT_GE(chip().stats().nmea_sent, 4u);
-    EXPECT_LE(ext().ReadDataCount, 1);
+    EXPECT_LE(peek(ext().ReadDataCount), 1);
     EXPECT_NE(log().find("STATUS_NO_MORE_ENTRIES!"), std::string::npos);
 }
 

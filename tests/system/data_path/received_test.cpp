@@ -31,7 +31,7 @@ TEST_F(DataPath, StatusFramesAreNeverQueued)
     run_for(300 * kMillisecond);
     EXPECT_GE(chip().stats().status_sent, 10u);
     EXPECT_FALSE(pending->done());
-    EXPECT_EQ(ext().ReadDataCount, 0);
+    EXPECT_EQ(peek(ext().ReadDataCount), 0);
 }
 
 struct RawCase {
@@ -65,7 +65,7 @@ TEST_P(RawCommands, PendingRequestIsCompletedByTheMatchingAnswer)
         EXPECT_EQ(cmd->information(), 0u);
     }
     EXPECT_EQ(reader->wait(now() + 50 * kMillisecond), c.queued);
-    EXPECT_EQ(ext().CMD_Request, nullptr);
+    EXPECT_EQ(peek(ext().CMD_Request), nullptr);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -104,10 +104,10 @@ TEST_F(DataPath, AnswerWithOtherSidDoesNotEndTheWait)
     keep_alive();
     LONG result;
     xfer_async(0x22, 5, {1}, &result);
-    ASSERT_TRUE(peer().await(0x22, 5, 100 * kMillisecond));
+    ASSERT_TRUE(peer().await(0x22, 5, 500 * kMillisecond));
     peer().send(Frame{0x22, 6, true, sim::testkit::le32(0)});
     run_for(500 * kMillisecond);
-    EXPECT_EQ(ext().WaitAck_flag, 1);
+    EXPECT_EQ(peek(ext().WaitAck_flag), 1);
     peer().send(Frame{0x22, 5, true, sim::testkit::le32(0)});
     EXPECT_TRUE(wait_until([&] {
         sched::StateLock lock(sched::current());
@@ -125,7 +125,7 @@ TEST_F(DataPath, OversizedAcknowledgementIsCutAtTheBuffer)
     LONG result;
     Bytes answer;
     xfer_async(0x22, 5, {1}, &result, &answer);
-    ASSERT_TRUE(peer().await(0x22, 5, 100 * kMillisecond));
+    ASSERT_TRUE(peer().await(0x22, 5, 500 * kMillisecond));
     stop_keep_alive();
     Bytes payload = sim::testkit::le32(0);
     payload.resize(3000, 0x5A);
