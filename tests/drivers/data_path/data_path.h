@@ -49,6 +49,9 @@ struct DATA_PATH_OPS {
     NTSTATUS(*HalRead)
     (WDFIOTARGET IoTarget, WDFREQUEST Request, ULONG IoControlCode, ULONG Length, PVOID Buffer,
      PULONG_PTR BytesRead, FdoExtension* Context);
+    NTSTATUS (*ProcessReadQueue)
+    (FdoExtension* Context, ULONG Kind, WDFQUEUE Queue, volatile LONG* QueueCount, PLIST_ENTRY List,
+     volatile LONG* ListCount);
     // Waits for the read thread to end, then sets ReadEnable_flag and starts a new one, as
     // the line-speed switch does.
     NTSTATUS (*RestartReadThread)(FdoExtension* Context);

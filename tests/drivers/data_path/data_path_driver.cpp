@@ -64,6 +64,7 @@ static const DATA_PATH_OPS g_Ops = {
     SerialReadFromSync,
     FdoWriteToDeviceSyncWithTimeOut,
     HalReadFromDeviceSync,
+    UART_ProcessReadQueue,
     DataPathRestartReadThread,
 };
 

@@ -92,6 +92,40 @@ INSTANTIATE_TEST_SUITE_P(DataPath, ReadSizes,
                              return std::string(info.param.name);
                          });
 
+// One pass over a list of its own: each entry goes to one pending request, in order, and
+// what finds no request is dropped in the same pass.
+TEST_F(DataPath, OnePassPairsEntriesWithPendingRequests)
+{
+    start_with_peer();
+    auto pending = read(512);
+    run_for(kMillisecond);
+    LIST_ENTRY list;
+    InitializeListHead(&list);
+    volatile LONG count = 0;
+    volatile LONG waiting = 1;
+    const FdoExtension& e = ext();
+    auto pass = [&] {
+        return ops().ProcessReadQueue(&ext(), 4, e.ReadEventQueue, &waiting, &list, &count);
+    };
+
+    EXPECT_EQ(pass(), STATUS_SUCCESS);
+    EXPECT_FALSE(pending->done());
+
+    for (std::uint8_t sid = 1; sid <= 3; sid++) {
+        Bytes frame = sim::chip::encode(Frame{0x31, sid, true, {sid}});
+        PacketEntry* entry = PacketEntryCreate(frame.data(), static_cast<ULONG>(frame.size()));
+        ASSERT_NE(entry, nullptr);
+        InsertTailList(&list, &entry->ListEntry);
+        count = count + 1;
+    }
+    EXPECT_EQ(pass(), STATUS_PENDING);
+    ASSERT_TRUE(pending->wait(now() + 10 * kMillisecond));
+    EXPECT_EQ(parse_read(pending->output(), pending->information()).frame[4], 1);
+    EXPECT_TRUE(IsListEmpty(&list));
+    EXPECT_EQ(count, 0);
+    EXPECT_EQ(waiting, -2);
+}
+
 // A frame queued while a pass runs may wait for the next frame's wake-up; nothing else stays.
 TEST_F(DataPath, FramesWithNoReaderAreDropped)
 {
