@@ -37,24 +37,18 @@ class HostedDeviceTest : public ::testing::Test
                   STATUS_SUCCESS);
     }
 
-    // A probe call: the result of its synchronous send, then `data` when asked for.
-    UPROBE_RESULT probe(ULONG code, const Bytes& in, Bytes* data = nullptr)
+    // What the driver's synchronous read returned, with a send timeout of 50 ms.
+    UPROBE_RESULT read(const SERIAL_TIMEOUTS& timeouts, Bytes& data)
     {
         Bytes out(sizeof(UPROBE_RESULT) + 2048);
         ULONG_PTR returned = 0;
-        EXPECT_EQ(client->ioctl(code, in, out, &returned), STATUS_SUCCESS);
+        EXPECT_EQ(
+            client->ioctl(IOCTL_UPROBE_READ, bytes_of(UPROBE_READ{50, timeouts}), out, &returned),
+            STATUS_SUCCESS);
         UPROBE_RESULT r;
         std::memcpy(&r, out.data(), sizeof r);
-        if (data != nullptr) {
-            data->assign(out.begin() + sizeof r, out.begin() + static_cast<long>(returned));
-        }
+        data.assign(out.begin() + sizeof r, out.begin() + static_cast<long>(returned));
         return r;
-    }
-    NTSTATUS serial(ULONG code, const Bytes& record)
-    {
-        Bytes in = bytes_of(code);
-        in.insert(in.end(), record.begin(), record.end());
-        return probe(IOCTL_UPROBE_CONTROL, in).Status;
     }
 
     sched::Install sched_{sched::make_simulated(sched::seed_from_env())};
@@ -96,10 +90,8 @@ TEST_F(HostedDeviceTest, SynchronousReadsEndAsTheFrameworkReportsThem)
     for (const auto& c : cases) {
         device->chip()->set_power(c.chip_on);
         testkit::run_for(60 * sched::kMillisecond); // past the chip's boot
-        EXPECT_EQ(serial(IOCTL_SERIAL_PURGE, bytes_of(ULONG{0x0A})), STATUS_SUCCESS) << c.name;
-        ASSERT_EQ(serial(IOCTL_SERIAL_SET_TIMEOUTS, bytes_of(c.timeouts)), STATUS_SUCCESS);
         Bytes data;
-        const UPROBE_RESULT r = probe(IOCTL_UPROBE_READ, bytes_of(ULONG{50}), &data);
+        const UPROBE_RESULT r = read(c.timeouts, data);
         EXPECT_EQ(r.Status, c.status) << c.name;
         EXPECT_EQ(r.Bytes, data.size()) << c.name;
         EXPECT_EQ(!data.empty(), c.bytes) << c.name;

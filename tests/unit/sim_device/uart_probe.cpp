@@ -122,58 +122,65 @@ static NTSTATUS UprobeReleaseHardware(WDFDEVICE Device, WDFCMRESLIST ResourcesTr
     return STATUS_SUCCESS;
 }
 
+// A control call on the UART, one second at most, as the driver makes them.
+static NTSTATUS UprobeSerialControl(WDFIOTARGET Uart, ULONG Code, PVOID Input, ULONG Length)
+{
+    WDF_MEMORY_DESCRIPTOR data;
+    WDF_REQUEST_SEND_OPTIONS options;
+
+    WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&data, Input, Length);
+    WDF_REQUEST_SEND_OPTIONS_INIT(&options, WDF_REQUEST_SEND_OPTION_TIMEOUT);
+    WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, WDF_REL_TIMEOUT_IN_MS(1000));
+    return WdfIoTargetSendIoctlSynchronously(Uart, NULL, Code, &data, NULL, &options, NULL);
+}
+
 static VOID UprobeDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t OutputBufferLength,
                                 size_t InputBufferLength, ULONG IoControlCode)
 {
     PUPROBE_CONTEXT context = UprobeGetContext(WdfIoQueueGetDevice(Queue));
     WDF_MEMORY_DESCRIPTOR data;
     WDF_REQUEST_SEND_OPTIONS options;
-    PUCHAR in = NULL;
+    PVOID in = NULL;
     PUCHAR out = NULL;
     ULONG_PTR bytes = 0;
+    UPROBE_READ read;
     UPROBE_RESULT result;
-    UCHAR record[32];
+    ULONG purge = SERIAL_PURGE_RXABORT | SERIAL_PURGE_RXCLEAR;
 
+    UNREFERENCED_PARAMETER(InputBufferLength);
     NTSTATUS status = WdfRequestRetrieveOutputBuffer(Request, sizeof(ULONG), (PVOID*)&out, NULL);
-    if (NT_SUCCESS(status) && IoControlCode != IOCTL_UPROBE_BAUD) {
-        status = WdfRequestRetrieveInputBuffer(Request, sizeof(ULONG), (PVOID*)&in, NULL);
+    if (NT_SUCCESS(status) && IoControlCode == IOCTL_UPROBE_BAUD) {
+        RtlCopyMemory(out, &context->BaudRate, sizeof(ULONG));
+        WdfRequestCompleteWithInformation(Request, STATUS_SUCCESS, sizeof(ULONG));
+        return;
+    }
+    if (NT_SUCCESS(status) &&
+        (IoControlCode != IOCTL_UPROBE_READ || OutputBufferLength < sizeof result)) {
+        status = STATUS_INVALID_PARAMETER;
+    }
+    if (NT_SUCCESS(status)) {
+        status = WdfRequestRetrieveInputBuffer(Request, sizeof read, &in, NULL);
+    }
+    if (NT_SUCCESS(status)) {
+        // The system buffer is shared: take the input before the bytes read land on it.
+        RtlCopyMemory(&read, in, sizeof read);
+        status = UprobeSerialControl(context->Uart, IOCTL_SERIAL_PURGE, &purge, sizeof purge);
+    }
+    if (NT_SUCCESS(status)) {
+        status = UprobeSerialControl(context->Uart, IOCTL_SERIAL_SET_TIMEOUTS, &read.Timeouts,
+                                     sizeof read.Timeouts);
     }
     if (!NT_SUCCESS(status)) {
         WdfRequestComplete(Request, status);
         return;
     }
-    if (IoControlCode == IOCTL_UPROBE_BAUD) {
-        RtlCopyMemory(out, &context->BaudRate, sizeof(ULONG));
-        WdfRequestCompleteWithInformation(Request, STATUS_SUCCESS, sizeof(ULONG));
-        return;
-    }
-    if (OutputBufferLength < sizeof result ||
-        (IoControlCode != IOCTL_UPROBE_CONTROL && IoControlCode != IOCTL_UPROBE_READ) ||
-        InputBufferLength - sizeof(ULONG) > sizeof record) {
-        WdfRequestComplete(Request, STATUS_INVALID_PARAMETER);
-        return;
-    }
-    ULONG first;
-    RtlCopyMemory(&first, in, sizeof first);
+    WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&data, out + sizeof result,
+                                      (ULONG)(OutputBufferLength - sizeof result));
     WDF_REQUEST_SEND_OPTIONS_INIT(&options, WDF_REQUEST_SEND_OPTION_TIMEOUT);
-    if (IoControlCode == IOCTL_UPROBE_CONTROL) {
-        // The system buffer is shared: take the record before writing the result.
-        size_t length = InputBufferLength - sizeof(ULONG);
-        RtlCopyMemory(record, in + sizeof(ULONG), length);
-        WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&data, record, (ULONG)length);
-        WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, WDF_REL_TIMEOUT_IN_MS(1000));
-        result.Status = WdfIoTargetSendIoctlSynchronously(
-            context->Uart, NULL, first, length ? &data : NULL, NULL, &options, &bytes);
-    } else {
-        WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&data, out + sizeof result,
-                                          (ULONG)(OutputBufferLength - sizeof result));
-        WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, WDF_REL_TIMEOUT_IN_MS(first));
-        result.Status =
-            WdfIoTargetSendReadSynchronously(context->Uart, NULL, &data, NULL, &options, &bytes);
-    }
+    WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, WDF_REL_TIMEOUT_IN_MS(read.SendTimeoutMs));
+    result.Status =
+        WdfIoTargetSendReadSynchronously(context->Uart, NULL, &data, NULL, &options, &bytes);
     result.Bytes = (ULONG)bytes;
     RtlCopyMemory(out, &result, sizeof result);
-    // Only a read's bytes follow the result.
-    WdfRequestCompleteWithInformation(
-        Request, STATUS_SUCCESS, sizeof result + (IoControlCode == IOCTL_UPROBE_READ ? bytes : 0));
+    WdfRequestCompleteWithInformation(Request, STATUS_SUCCESS, sizeof result + bytes);
 }
