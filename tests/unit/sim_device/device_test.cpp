@@ -86,8 +86,10 @@ TEST_F(HostedDeviceTest, SynchronousReadsEndAsTheFrameworkReportsThem)
         {"no byte before the send timeout", false, {10, 0, 0, 0, 0}, STATUS_IO_TIMEOUT, false},
         {"send timeout with bytes so far", true, {0, 0, 0, 0, 0}, STATUS_IO_TIMEOUT, true},
     };
-    start();
     for (const auto& c : cases) {
+        client.reset();
+        device.reset();
+        start();
         device->chip()->set_power(c.chip_on);
         testkit::run_for(60 * sched::kMillisecond); // past the chip's boot
         Bytes data;

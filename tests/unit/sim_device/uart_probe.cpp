@@ -33,12 +33,10 @@ static ULONG UprobeReadBaudRate(WDFDRIVER Driver)
 {
     DECLARE_CONST_UNICODE_STRING(name, L"BaudRateIndex");
     WDFKEY key;
-    ULONG value = 9600;
+    ULONG value = 0; // none found: the test sees that
     if (NT_SUCCESS(WdfDriverOpenParametersRegistryKey(Driver, GENERIC_READ,
                                                       WDF_NO_OBJECT_ATTRIBUTES, &key))) {
-        if (!NT_SUCCESS(WdfRegistryQueryULong(key, &name, &value))) {
-            value = 9600;
-        }
+        (VOID) WdfRegistryQueryULong(key, &name, &value);
         WdfRegistryClose(key);
     }
     return value;
@@ -122,18 +120,6 @@ static NTSTATUS UprobeReleaseHardware(WDFDEVICE Device, WDFCMRESLIST ResourcesTr
     return STATUS_SUCCESS;
 }
 
-// A control call on the UART, one second at most, as the driver makes them.
-static NTSTATUS UprobeSerialControl(WDFIOTARGET Uart, ULONG Code, PVOID Input, ULONG Length)
-{
-    WDF_MEMORY_DESCRIPTOR data;
-    WDF_REQUEST_SEND_OPTIONS options;
-
-    WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&data, Input, Length);
-    WDF_REQUEST_SEND_OPTIONS_INIT(&options, WDF_REQUEST_SEND_OPTION_TIMEOUT);
-    WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, WDF_REL_TIMEOUT_IN_MS(1000));
-    return WdfIoTargetSendIoctlSynchronously(Uart, NULL, Code, &data, NULL, &options, NULL);
-}
-
 static VOID UprobeDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t OutputBufferLength,
                                 size_t InputBufferLength, ULONG IoControlCode)
 {
@@ -145,7 +131,6 @@ static VOID UprobeDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t Outpu
     ULONG_PTR bytes = 0;
     UPROBE_READ read;
     UPROBE_RESULT result;
-    ULONG purge = SERIAL_PURGE_RXABORT | SERIAL_PURGE_RXCLEAR;
 
     UNREFERENCED_PARAMETER(InputBufferLength);
     NTSTATUS status = WdfRequestRetrieveOutputBuffer(Request, sizeof(ULONG), (PVOID*)&out, NULL);
@@ -161,14 +146,14 @@ static VOID UprobeDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t Outpu
     if (NT_SUCCESS(status)) {
         status = WdfRequestRetrieveInputBuffer(Request, sizeof read, &in, NULL);
     }
+    WDF_REQUEST_SEND_OPTIONS_INIT(&options, WDF_REQUEST_SEND_OPTION_TIMEOUT);
     if (NT_SUCCESS(status)) {
         // The system buffer is shared: take the input before the bytes read land on it.
         RtlCopyMemory(&read, in, sizeof read);
-        status = UprobeSerialControl(context->Uart, IOCTL_SERIAL_PURGE, &purge, sizeof purge);
-    }
-    if (NT_SUCCESS(status)) {
-        status = UprobeSerialControl(context->Uart, IOCTL_SERIAL_SET_TIMEOUTS, &read.Timeouts,
-                                     sizeof read.Timeouts);
+        WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&data, &read.Timeouts, sizeof read.Timeouts);
+        WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, WDF_REL_TIMEOUT_IN_MS(1000));
+        status = WdfIoTargetSendIoctlSynchronously(context->Uart, NULL, IOCTL_SERIAL_SET_TIMEOUTS,
+                                                   &data, NULL, &options, NULL);
     }
     if (!NT_SUCCESS(status)) {
         WdfRequestComplete(Request, status);
@@ -176,7 +161,6 @@ static VOID UprobeDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t Outpu
     }
     WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&data, out + sizeof result,
                                       (ULONG)(OutputBufferLength - sizeof result));
-    WDF_REQUEST_SEND_OPTIONS_INIT(&options, WDF_REQUEST_SEND_OPTION_TIMEOUT);
     WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, WDF_REL_TIMEOUT_IN_MS(read.SendTimeoutMs));
     result.Status =
         WdfIoTargetSendReadSynchronously(context->Uart, NULL, &data, NULL, &options, &bytes);

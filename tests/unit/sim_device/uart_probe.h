@@ -14,7 +14,7 @@ DEFINE_GUID(GUID_DEVINTERFACE_UART_PROBE, 0x6d1b3a52, 0x7c0e, 0x4e8b, 0x9f, 0x2a
 // Input: UPROBE_READ. Output: UPROBE_RESULT, then the bytes read.
 #define IOCTL_UPROBE_READ UPROBE_CODE(1)
 
-// The probe purges what the port has received, sets these timeouts, then reads.
+// The probe sets these timeouts on the port, then reads.
 typedef struct _UPROBE_READ {
     ULONG SendTimeoutMs;
     SERIAL_TIMEOUTS Timeouts;
