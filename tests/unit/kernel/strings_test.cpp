@@ -19,69 +19,60 @@ namespace mvgps::kernel::test
 namespace
 {
 
-// Each case starts from a cleared debug ring and reads back what its calls left there.
+// What one call leaves in a cleared debug ring.
+template <class... Args>
+std::string printed(const char* format, Args... args)
+{
+    clear_debug_output();
+    DbgPrint(format, args...);
+    return debug_output();
+}
+
 TEST(DbgPrint, FormatsIntoTheDebugRing)
 {
+    // The driver's log line: a prefix and a message, one call each.
+    const std::string prefix = "\n[MV_GPS](  42)FdoDevPrepareHardware" + std::string(21, ' ');
+    EXPECT_EQ(printed("\n[MV_GPS](%4d)%-40.39s  ", 42, "FdoDevPrepareHardware"), prefix);
+    DbgPrint("Entry");
+    EXPECT_EQ(debug_output(), prefix + "Entry");
+    clear_debug_output();
+    EXPECT_EQ(debug_output(), "");
+
+    // Cut at 39, padded to 40.
+    EXPECT_EQ(printed("[%-40.39s]", "0123456789012345678901234567890123456789012345"),
+              "[012345678901234567890123456789012345678 ]");
+    // A long is 32 bits; 64-bit values need I64 (or ll).
+    EXPECT_EQ(printed("%lx %ld %lu", 0xC0000120, -1L, 0xFFFFFFFFUL), "c0000120 -1 4294967295");
+    EXPECT_EQ(printed("%I64x %I64d %I64u %0*I64x", 0x100000002LL, -5LL, ~0ULL, 16, 0x100000002LL),
+              "100000002 -5 18446744073709551615 0000000100000002");
+    EXPECT_EQ(printed("%hhx %hx %llu %02x %X %#x %#X %04x %o", 0x1FF, 0x17FFF, 255ULL, 0xA5, 0xA5,
+                      0xA5, 0xA5, 0xA5, 0245),
+              "ff 7fff 255 a5 A5 0xa5 0XA5 00a5 245");
+    EXPECT_EQ(
+        printed("[%5d] [%-5d] [%+d] [% d] [%04d] [%d] [%.0d] [%.5u]", -7, -7, 7, 7, -7, 0, 0, 42),
+        "[   -7] [-7   ] [+7] [ 7] [-007] [0] [] [00042]");
+    // Wide and counted strings; a wide string given to %s shows its first character, as on
+    // the real system, and a character outside ASCII shows as '?'.
     UNICODE_STRING path;
     RtlInitUnicodeString(&path, u"\\Device\\Serial0");
     ANSI_STRING ansi;
     RtlInitAnsiString(&ansi, "counted");
     ansi.Length = 5; // counted strings need no terminator
-    struct Case {
-        std::string expected;
-        std::function<void()> print;
-    };
-    const Case cases[] = {
-        {"", [] {}},
-        // The driver's log line: a prefix and a message, one call each.
-        {"\n[MV_GPS](  42)FdoDevPrepareHardware" + std::string(21, ' ') + "Entry",
-         [] {
-             DbgPrint("\n[MV_GPS](%4d)%-40.39s  ", 42, "FdoDevPrepareHardware");
-             DbgPrint("Entry");
-         }},
-        {"[012345678901234567890123456789012345678 ]", // cut at 39, padded to 40
-         [] { DbgPrint("[%-40.39s]", "0123456789012345678901234567890123456789012345"); }},
-        // A long is 32 bits; 64-bit values need I64 (or ll).
-        {"c0000120 -1 4294967295", [] { DbgPrint("%lx %ld %lu", 0xC0000120, -1L, 0xFFFFFFFFUL); }},
-        {"100000002 -5 18446744073709551615 0000000100000002",
-         [] {
-             DbgPrint("%I64x %I64d %I64u %0*I64x", 0x100000002LL, -5LL, ~0ULL, 16, 0x100000002LL);
-         }},
-        {"ff 7fff 255 a5 A5 0xa5 0XA5 00a5 245",
-         [] {
-             DbgPrint("%hhx %hx %llu %02x %X %#x %#X %04x %o", 0x1FF, 0x17FFF, 255ULL, 0xA5, 0xA5,
-                      0xA5, 0xA5, 0xA5, 0245);
-         }},
-        {"[   -7] [-7   ] [+7] [ 7] [-007] [0] [] [00042]",
-         [] {
-             DbgPrint("[%5d] [%-5d] [%+d] [% d] [%04d] [%d] [%.0d] [%.5u]", -7, -7, 7, 7, -7, 0, 0,
-                      42);
-         }},
-        // Wide and counted strings; a wide string given to %s shows its first character, as
-        // on the real system, and a character outside ASCII shows as '?'.
-        {"COM1 COM2 \\Device\\Serial0 count L ?",
-         [&] {
-             DbgPrint("%ws %S %wZ %Z %s %ws", u"COM1", u"COM2", &path, &ansi,
-                      reinterpret_cast<const char*>(u"List"), u"\u00e9");
-         }},
-        {"(null) (null) (null)",
-         [] { DbgPrint("%s %ws %wZ", (char*)nullptr, (WCHAR*)nullptr, (UNICODE_STRING*)nullptr); }},
-        {"a W   x % abc|  ab|ab  ",
-         [] {
-             DbgPrint("%c %C %3c %% %.3s|%4.2s|%-4.2s", 'a', u'W', 'x', "abcdef", "abc", "abc");
-         }},
-        {"000000000000ABCD %q", [] { DbgPrint("%p %q", reinterpret_cast<void*>(0xABCD)); }},
-        {"x", [] { DbgPrintEx(DPFLTR_IHVDRIVER_ID, DPFLTR_ERROR_LEVEL, "%s", "x"); }},
-        // One call passes at most 511 characters, however wide the field.
-        {std::string(511, 'y'), [] { DbgPrint("%s!", std::string(600, 'y').c_str()); }},
-        {std::string(511, ' '), [] { DbgPrint("%*d", INT_MAX, 1); }},
-        {std::string(511, '0'), [] { DbgPrint("%.*x", INT_MAX, 1); }},
-    };
-    for (const Case& c : cases) {
-        clear_debug_output();
-        c.print();
-        EXPECT_EQ(debug_output(), c.expected);
-    }
+    EXPECT_EQ(printed("%ws %S %wZ %Z %s %ws", u"COM1", u"COM2", &path, &ansi,
+                      reinterpret_cast<const char*>(u"List"), u"\u00e9"),
+              "COM1 COM2 \\Device\\Serial0 count L ?");
+    EXPECT_EQ(printed("%s %ws %wZ", (char*)nullptr, (WCHAR*)nullptr, (UNICODE_STRING*)nullptr),
+              "(null) (null) (null)");
+    EXPECT_EQ(printed("%c %C %3c %% %.3s|%4.2s|%-4.2s", 'a', u'W', 'x', "abcdef", "abc", "abc"),
+              "a W   x % abc|  ab|ab  ");
+    EXPECT_EQ(printed("%p %q", reinterpret_cast<void*>(0xABCD)), "000000000000ABCD %q");
+    clear_debug_output();
+    DbgPrintEx(DPFLTR_IHVDRIVER_ID, DPFLTR_ERROR_LEVEL, "%s", "x");
+    EXPECT_EQ(debug_output(), "x");
+    // One call passes at most 511 characters, however wide the field.
+    EXPECT_EQ(printed("%s!", std::string(600, 'y').c_str()), std::string(511, 'y'));
+    EXPECT_EQ(printed("%*d", INT_MAX, 1), std::string(511, ' '));
+    EXPECT_EQ(printed("%.*x", INT_MAX, 1), std::string(511, '0'));
 }
 
 NTSTATUS print_ab12(char* d, size_t n)

@@ -8,11 +8,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "kernel/kernel.h"
-#include "kernel_test.h"
 #include "sched/sched.h"
 
 // Exported from the test program, as a driver image exports its thread routines.
@@ -27,10 +27,56 @@ namespace mvgps::kernel::test
 namespace
 {
 
-NTSTATUS poll(KEVENT& e)
+constexpr LONGLONG kMs = 10'000; // 100 ns units per millisecond
+
+LARGE_INTEGER relative_ms(LONGLONG ms)
+{
+    LARGE_INTEGER t;
+    t.QuadPart = -ms * kMs;
+    return t;
+}
+
+void delay_ms(LONGLONG ms)
+{
+    LARGE_INTEGER t = relative_ms(ms);
+    KeDelayExecutionThread(KernelMode, FALSE, &t);
+}
+
+// A system thread running `body`, referenced so that the test can wait for its end.
+class SystemThread
+{
+  public:
+    explicit SystemThread(std::function<void()> body) : body_(std::move(body))
+    {
+        HANDLE handle;
+        EXPECT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
+                                       &SystemThread::run, this),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, *PsThreadType, KernelMode,
+                                            &object_, nullptr),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
+    }
+    SystemThread(const SystemThread&) = delete;
+    SystemThread& operator=(const SystemThread&) = delete;
+    ~SystemThread()
+    {
+        join();
+        ObDereferenceObject(object_);
+    }
+    void join() { KeWaitForSingleObject(object_, Executive, KernelMode, FALSE, nullptr); }
+    PVOID object() const { return object_; }
+
+  private:
+    static VOID run(PVOID self) { static_cast<SystemThread*>(self)->body_(); }
+    std::function<void()> body_;
+    PVOID object_ = nullptr;
+};
+
+NTSTATUS poll(PVOID object)
 {
     LARGE_INTEGER zero{};
-    return KeWaitForSingleObject(&e, Executive, KernelMode, FALSE, &zero);
+    return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, &zero);
 }
 
 // What repeated polls see: a notification event stays set until cleared, a synchronization
@@ -63,14 +109,15 @@ TEST(Events, SignalStateAcrossWaits)
             KeClearEvent(&e);
         }
         for (NTSTATUS expected : c.polls) {
-            EXPECT_EQ(poll(e), expected);
+            EXPECT_EQ(poll(&e), expected);
         }
         EXPECT_EQ(KeResetEvent(&e), c.polls.back() == STATUS_SUCCESS);
     }
 }
 
 // Each set of a synchronization event releases one of the threads blocked on it; a set of a
-// notification event releases them all.
+// notification event releases them all. The threads run at PASSIVE_LEVEL, and each one's
+// object is signalled when it ends, for good.
 TEST(Events, SetReleasesOneOrAllWaiters)
 {
     for (EVENT_TYPE type : {SynchronizationEvent, NotificationEvent}) {
@@ -80,6 +127,7 @@ TEST(Events, SetReleasesOneOrAllWaiters)
         KeInitializeEvent(&e, type, FALSE);
         LONG released = 0;
         auto waiter = [&] {
+            EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
             KeWaitForSingleObject(&e, Executive, KernelMode, FALSE, nullptr);
             InterlockedIncrement(&released);
         };
@@ -87,8 +135,13 @@ TEST(Events, SetReleasesOneOrAllWaiters)
         for (LONG sets = 0; sets <= 3; ++sets) {
             delay_ms(1);
             EXPECT_EQ(released, sets == 0 ? 0 : type == SynchronizationEvent ? sets : 3);
+            if (sets == 0) {
+                EXPECT_EQ(poll(a.object()), STATUS_TIMEOUT) << "blocked, not ended";
+            }
             KeSetEvent(&e, 0, FALSE);
         }
+        a.join();
+        EXPECT_EQ(poll(a.object()), STATUS_SUCCESS) << "an ended thread stays signalled";
     }
 }
 
@@ -197,27 +250,6 @@ TEST(SystemThread, IsNamedAfterItsStartRoutine)
         EXPECT_THAT(name, testing::MatchesRegex(c.expected));
     }
     EXPECT_EQ(leak_report().text, before);
-}
-
-TEST(SystemThread, RunsAtPassiveAndSignalsItsObjectAtExit)
-{
-    sched::Install s(sched::make_simulated(22));
-    KEVENT go;
-    KeInitializeEvent(&go, NotificationEvent, FALSE);
-    KIRQL irql = HIGH_LEVEL;
-    SystemThread t([&] {
-        irql = KeGetCurrentIrql();
-        KeWaitForSingleObject(&go, Executive, KernelMode, FALSE, nullptr);
-    });
-    LARGE_INTEGER zero{};
-    EXPECT_EQ(KeWaitForSingleObject(t.object(), Executive, KernelMode, FALSE, &zero),
-              STATUS_TIMEOUT);
-    KeSetEvent(&go, 0, FALSE);
-    t.join();
-    EXPECT_EQ(irql, PASSIVE_LEVEL);
-    EXPECT_EQ(KeWaitForSingleObject(t.object(), Executive, KernelMode, FALSE, &zero),
-              STATUS_SUCCESS)
-        << "an ended thread stays signalled";
 }
 
 TEST(SpinLock, RaisesToDispatchAndRestoresTheCallersLevel)
