@@ -8,8 +8,6 @@ namespace mvgps::sim::chip
 namespace
 {
 
-using testkit::Received;
-
 TEST(Chip, AnswersEveryCommandAndKeepsOnlyWhatItAccepted)
 {
     struct Case {
@@ -87,12 +85,6 @@ TEST(Chip, MemoryReadsBackWhatWasWrittenInTheChipsByteOrder)
         const auto ack = w.client.command(4, 0, cat({num(0xB9002213, 4, order), num(3, 2, order)}));
         ASSERT_TRUE(ack.has_value());
         EXPECT_EQ(ack->frame.payload, cat({num(kAccepted, 4, order), {0x0A, 0xEE, 0x01}}));
-        // A read answer is header, err_status, the data, CRC and tail.
-        EXPECT_EQ(encode(ack->frame).size(), 7u + 4u + 3u + 2u + 1u);
-
-        const auto refused = w.client.command(5, 1, cat({num(0x100, 4, order), {1, 2}}));
-        ASSERT_TRUE(refused.has_value());
-        EXPECT_EQ(refused->frame.payload, num(kBadLength, 4, order));
     }
 }
 
@@ -100,12 +92,7 @@ TEST(Chip, StatusFramesComeAboutEvery25ms)
 {
     World w;
     run_for(sched::kSecond);
-    std::vector<Received> status;
-    for (const auto& r : w.client.received()) {
-        if (r.frame.pid == kPidStatus) {
-            status.push_back(r);
-        }
-    }
+    const auto status = w.received(kPidStatus);
     ASSERT_GE(status.size(), 38u);
     ASSERT_LE(status.size(), 42u);
     for (std::size_t i = 1; i < status.size(); ++i) {
@@ -126,14 +113,12 @@ std::vector<Burst> nmea_bursts(const World& w)
 {
     std::vector<Burst> bursts;
     sched::Nanos last = -sched::kSecond;
-    for (const auto& r : w.client.received()) {
-        if (r.frame.pid == kPidNmeaData) {
-            if (r.arrival - last > 50 * kMs) {
-                bursts.push_back({r.arrival, {}});
-            }
-            bursts.back().sentences.emplace_back(r.frame.payload.begin(), r.frame.payload.end());
-            last = r.arrival;
+    for (const auto& r : w.received(kPidNmeaData)) {
+        if (r.arrival - last > 50 * kMs) {
+            bursts.push_back({r.arrival, {}});
         }
+        bursts.back().sentences.emplace_back(r.frame.payload.begin(), r.frame.payload.end());
+        last = r.arrival;
     }
     return bursts;
 }

@@ -10,7 +10,7 @@ namespace mvgps::sim::chip
 namespace
 {
 
-using Verdict = FrameParser::Verdict;
+using V = FrameParser::Verdict;
 
 // The good answers to an option command (pid 0x22 sid 5, payload = its number) sent now.
 std::vector<testkit::Received> ask(World& w, std::uint8_t number)
@@ -18,13 +18,7 @@ std::vector<testkit::Received> ask(World& w, std::uint8_t number)
     w.client.clear();
     w.client.send({0x22, 5, true, {number}});
     run_for(400 * kMs);
-    std::vector<testkit::Received> acks;
-    for (const auto& r : w.client.received()) {
-        if (r.frame.pid == 0x22 && r.verdict == Verdict::Good) {
-            acks.push_back(r);
-        }
-    }
-    return acks;
+    return w.received(0x22);
 }
 
 TEST(ChipFaults, CommandFaultsHitTheNextMatchingCommands)
@@ -66,16 +60,13 @@ TEST(ChipFaults, OutputFaultsDamageTheSelectedFrames)
     struct Case {
         const char* name;
         Fault fault;
-        Verdict answer; // how the answer arrives
-        Verdict status; // how the next status frame arrives
+        V answer; // how the answer arrives
+        V status; // how the next status frame arrives
     } cases[] = {
-        {"crc of an answer", Fault::corrupt_crc(1, Output::Answers), Verdict::BadCrc,
-         Verdict::Good},
-        {"tail of an answer", Fault::corrupt_tail(1, Output::Answers), Verdict::BadTail,
-         Verdict::Good},
-        {"crc of a status frame", Fault::corrupt_crc(1, Output::Status), Verdict::Good,
-         Verdict::BadCrc},
-        {"tail of any frame", Fault::corrupt_tail(2), Verdict::BadTail, Verdict::BadTail},
+        {"crc of an answer", Fault::corrupt_crc(1, Output::Answers), V::BadCrc, V::Good},
+        {"tail of an answer", Fault::corrupt_tail(1, Output::Answers), V::BadTail, V::Good},
+        {"crc of a status frame", Fault::corrupt_crc(1, Output::Status), V::Good, V::BadCrc},
+        {"tail of any frame", Fault::corrupt_tail(2), V::BadTail, V::BadTail},
     };
     for (const auto& c : cases) {
         World w;
@@ -84,8 +75,8 @@ TEST(ChipFaults, OutputFaultsDamageTheSelectedFrames)
         w.client.clear();
         w.client.send({0x22, 5, true, {1}});
         run_for(40 * kMs);
-        std::optional<Verdict> answer;
-        std::optional<Verdict> status;
+        std::optional<V> answer;
+        std::optional<V> status;
         for (const auto& r : w.client.received()) {
             auto& slot = r.frame.pid == kPidStatus ? status : answer;
             if (!slot) {
@@ -118,16 +109,11 @@ TEST(ChipFaults, SplitBurstArrivesInTwoRunsWithAPause)
     World w(playing("$GPGGA,1,*00\n$GPGSA,2*00\n$GPGSV,3*00\n$GPRMC,1,A*00\n$GPGGA,2,*00\n"));
     w.chip.inject(Fault::split_burst(1, 60 * kMs, Output::Nmea));
     run_for(1200 * kMs);
-    std::vector<sched::Nanos> nmea;
-    for (const auto& r : w.client.received()) {
-        if (r.frame.pid == kPidNmeaData) {
-            nmea.push_back(r.arrival);
-        }
-    }
+    const auto nmea = w.received(kPidNmeaData);
     ASSERT_EQ(nmea.size(), 4u) << "every sentence of the epoch still arrives";
     // The epoch falls due at 1 s and takes well under a millisecond on the line.
-    EXPECT_GE(nmea.back(), sched::kSecond + 60 * kMs);
-    EXPECT_LT(nmea.back(), sched::kSecond + 62 * kMs);
+    EXPECT_GE(nmea.back().arrival, sched::kSecond + 60 * kMs);
+    EXPECT_LT(nmea.back().arrival, sched::kSecond + 62 * kMs);
 }
 
 TEST(ChipFaults, ResetRestoresBootState)

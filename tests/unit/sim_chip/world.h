@@ -40,6 +40,16 @@ struct World {
     {
     }
 
+    // The good frames with this pid that the client has received.
+    std::vector<testkit::Received> received(std::uint8_t pid) const
+    {
+        auto all = client.received();
+        std::erase_if(all, [&](const auto& r) {
+            return r.frame.pid != pid || r.verdict != FrameParser::Verdict::Good;
+        });
+        return all;
+    }
+
     sched::Install install;
     uart::Wire wire;
     testkit::Client client;
