@@ -13,7 +13,7 @@ namespace
 {
 
 struct Outcome {
-    std::vector<std::string> lines; // the chip's trace, then the frames the host read
+    std::vector<std::string> lines; // the frames the host read, then the chip's trace
     std::uint64_t schedule = 0;     // the scheduler's decisions
     std::size_t acks = 0;
 };
@@ -55,12 +55,9 @@ Outcome run_scenario(std::uint64_t seed)
     s.join(reader);
     file.reset();
 
-    std::vector<std::string> lines;
     for (const auto& e : chip.trace()) {
-        lines.push_back(e.text());
+        out.lines.push_back(e.text());
     }
-    lines.insert(lines.end(), out.lines.begin(), out.lines.end());
-    out.lines = std::move(lines);
     out.schedule = s.trace_hash();
     return out;
 }
