@@ -120,7 +120,8 @@ TEST(StrSafe, NarrowBounds)
 }
 
 // The UART path: sixteen hex digits into a 17-character buffer, then prefix and digits
-// into a counted string of bounded size.
+// into a counted string of bounded size. A malformed counted string or a missing terminator
+// is refused.
 TEST(StrSafe, WideFormattingOfTheConnectionPath)
 {
     WCHAR digits[17];
@@ -140,11 +141,7 @@ TEST(StrSafe, WideFormattingOfTheConnectionPath)
     EXPECT_EQ(RtlUnicodeStringPrintf(&path, u"%S|%hs|%c", "0123", "4567", u'8'),
               STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(std::u16string(path.Buffer, path.Length / 2), u"0123|456");
-}
 
-TEST(StrSafe, MalformedArgumentsAreRejected)
-{
-    WCHAR storage[8];
     UNICODE_STRING malformed[] = {
         {0, 7, storage}, {1, 8, storage}, {10, 8, storage}, {0, 8, nullptr}};
     for (UNICODE_STRING& s : malformed) {
