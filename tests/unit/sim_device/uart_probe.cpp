@@ -18,7 +18,6 @@ WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(UPROBE_CONTEXT, UprobeGetContext)
 extern "C" DRIVER_INITIALIZE DriverEntry;
 static EVT_WDF_DRIVER_DEVICE_ADD UprobeDeviceAdd;
 static EVT_WDF_DEVICE_PREPARE_HARDWARE UprobePrepareHardware;
-static EVT_WDF_DEVICE_RELEASE_HARDWARE UprobeReleaseHardware;
 static EVT_WDF_IO_QUEUE_IO_DEVICE_CONTROL UprobeDeviceControl;
 
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath)
@@ -52,7 +51,6 @@ static NTSTATUS UprobeDeviceAdd(WDFDRIVER Driver, PWDFDEVICE_INIT DeviceInit)
     PAGED_CODE();
     WDF_PNPPOWER_EVENT_CALLBACKS_INIT(&pnp);
     pnp.EvtDevicePrepareHardware = UprobePrepareHardware;
-    pnp.EvtDeviceReleaseHardware = UprobeReleaseHardware;
     WdfDeviceInitSetPnpPowerEventCallbacks(DeviceInit, &pnp);
     WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, UPROBE_CONTEXT);
     NTSTATUS status = WdfDeviceCreate(&DeviceInit, &attributes, &device);
@@ -95,6 +93,7 @@ static NTSTATUS UprobePrepareHardware(WDFDEVICE Device, WDFCMRESLIST ResourcesRa
     if (!NT_SUCCESS(status)) {
         return status;
     }
+    // The device's child: it is closed and deleted with the device.
     status = WdfIoTargetCreate(Device, WDF_NO_OBJECT_ATTRIBUTES, &context->Uart);
     if (!NT_SUCCESS(status)) {
         return status;
@@ -106,18 +105,6 @@ static NTSTATUS UprobePrepareHardware(WDFDEVICE Device, WDFCMRESLIST ResourcesRa
         context->Uart = NULL;
     }
     return status;
-}
-
-static NTSTATUS UprobeReleaseHardware(WDFDEVICE Device, WDFCMRESLIST ResourcesTranslated)
-{
-    PUPROBE_CONTEXT context = UprobeGetContext(Device);
-
-    UNREFERENCED_PARAMETER(ResourcesTranslated);
-    PAGED_CODE();
-    if (context->Uart != NULL) {
-        WdfIoTargetClose(context->Uart);
-    }
-    return STATUS_SUCCESS;
 }
 
 static VOID UprobeDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t OutputBufferLength,
