@@ -178,14 +178,8 @@ TEST(Chip, BaudCommandIsAnsweredAtTheOldRateThenTheChipSwitches)
     EXPECT_EQ(get_le32(ack->frame.payload), kAccepted);
     run_for(5 * kMs);
     EXPECT_EQ(w.chip.rate(), 115200u);
-
-    w.client.clear();
-    run_for(200 * kMs);
-    EXPECT_TRUE(w.client.received().empty()) << "a receiver at the old rate sees garbage";
-    EXPECT_FALSE(w.client.raw().empty());
-
     w.client.set_rate(115200);
-    EXPECT_TRUE(w.client.await(kPidStatus, 0, 100 * kMs));
+    EXPECT_TRUE(w.client.await(kPidStatus, 0, 100 * kMs)) << "the line runs at the new rate";
 }
 
 TEST(Chip, SleepsUntilTheNextFrame)
