@@ -1,9 +1,6 @@
 // The data-path test driver: the driver's real os, link, uart and read code in an image of
 // its own, with just enough device set-up around it to run the read and processing threads
-// over a UART target. Shared by the driver and the tests that load it.
-//
-// The UART it opens is whatever the test binds at DATA_PATH_UART_NAME. Registry
-// parameters: BaudRateIndex (default 921600).
+// over the UART the test binds at DATA_PATH_UART_NAME. Shared by the driver and its tests.
 //
 // Control codes (buffered):
 //   IOCTL_DATA_PATH_READ      left pending on the read queue; completed with a received frame
@@ -38,23 +35,13 @@ struct DATA_PATH_OPS {
     (FdoExtension* Context, ULONG address, const UCHAR* data, USHORT len, UCHAR last);
     LONG (*ReadMem)(FdoExtension* Context, ULONG address, USHORT len, PUCHAR out, UCHAR last);
     UCHAR (*ReadCtrlByte)(FdoExtension* Context);
-    LONG (*WriteByteVerify)(FdoExtension* Context, ULONG address, UCHAR value);
     LONG (*SetCtrlByte)(FdoExtension* Context, UCHAR value);
     LONG (*SetEndianMode)(ULONG mode);
     BOOLEAN (*SerialSend)(WDFIOTARGET IoTarget, ULONG IoControlCode, ULONG Length, PVOID Buffer);
     BOOLEAN (*SerialRead)(WDFIOTARGET IoTarget, ULONG IoControlCode, ULONG Length, PVOID Buffer);
-    NTSTATUS(*FdoWrite)
-    (WDFIOTARGET IoTarget, WDFREQUEST Request, ULONG IoControlCode, ULONG Length, PVOID Buffer,
-     PULONG_PTR BytesWritten, ULONG TimeoutSeconds);
     NTSTATUS(*HalRead)
     (WDFIOTARGET IoTarget, WDFREQUEST Request, ULONG IoControlCode, ULONG Length, PVOID Buffer,
      PULONG_PTR BytesRead, FdoExtension* Context);
-    NTSTATUS (*ProcessReadQueue)
-    (FdoExtension* Context, ULONG Kind, WDFQUEUE Queue, volatile LONG* QueueCount, PLIST_ENTRY List,
-     volatile LONG* ListCount);
-    // Waits for the read thread to end, then sets ReadEnable_flag and starts a new one, as
-    // the line-speed switch does.
-    NTSTATUS (*RestartReadThread)(FdoExtension* Context);
 };
 
 typedef const DATA_PATH_OPS* DATA_PATH_OPS_FN();

@@ -12,7 +12,6 @@
 #include "uart/uart.h"
 
 static FdoExtension* g_Extension;
-static ULONG g_BaudRate = DATA_PATH_DEFAULT_RATE;
 // The threads' objects: a thread may still be on its way out of this image's code after its
 // finish signal, so the stopper also waits for the thread itself before the image can go.
 static PVOID g_ReadThread;
@@ -40,32 +39,11 @@ static VOID AwaitThread(PVOID* thread)
     }
 }
 
-// The previous read thread must have ended; its finish signal is cleared for the next one.
-static NTSTATUS DataPathRestartReadThread(FdoExtension* Context)
-{
-    (VOID) OsWaitForSignal(Context->Threadread_FinishSignal, 0);
-    OsClearSignal(Context->Threadread_FinishSignal);
-    AwaitThread(&g_ReadThread);
-    WriteULongRelease(&Context->ReadEnable_flag, 1);
-    return OsCreateThread(StartFunc_GPS, Context, 0, &g_ReadThread);
-}
-
 // In the order of the table's fields.
 static const DATA_PATH_OPS g_Ops = {
-    DataPathExtension,
-    xfer_hci_pkt_core,
-    hci_write_mem_core,
-    hci_read_mem_core,
-    read_chip_ctrl_byte,
-    hci_write_byte_verify,
-    set_chip_ctrl_byte,
-    set_hci_endian_mode,
-    SerialSendIoSync,
-    SerialReadFromSync,
-    FdoWriteToDeviceSyncWithTimeOut,
-    HalReadFromDeviceSync,
-    UART_ProcessReadQueue,
-    DataPathRestartReadThread,
+    DataPathExtension,   xfer_hci_pkt_core,     hci_write_mem_core,  hci_read_mem_core,
+    read_chip_ctrl_byte, set_chip_ctrl_byte,    set_hci_endian_mode, SerialSendIoSync,
+    SerialReadFromSync,  HalReadFromDeviceSync,
 };
 
 EXTERN_C const DATA_PATH_OPS* DataPathOps()
@@ -76,20 +54,11 @@ EXTERN_C const DATA_PATH_OPS* DataPathOps()
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath)
 {
     WDF_DRIVER_CONFIG config;
-    WDFDRIVER driver;
-    WDFKEY key;
-    DECLARE_CONST_UNICODE_STRING(rate, L"BaudRateIndex");
 
     WDF_DRIVER_CONFIG_INIT(&config, DataPathDeviceAdd);
     config.DriverPoolTag = DRIVER_POOL_TAG;
-    NTSTATUS status =
-        WdfDriverCreate(DriverObject, RegistryPath, WDF_NO_OBJECT_ATTRIBUTES, &config, &driver);
-    if (NT_SUCCESS(status) && NT_SUCCESS(WdfDriverOpenParametersRegistryKey(
-                                  driver, GENERIC_READ, WDF_NO_OBJECT_ATTRIBUTES, &key))) {
-        (VOID) WdfRegistryQueryULong(key, &rate, &g_BaudRate);
-        WdfRegistryClose(key);
-    }
-    return status;
+    return WdfDriverCreate(DriverObject, RegistryPath, WDF_NO_OBJECT_ATTRIBUTES, &config,
+                           WDF_NO_HANDLE);
 }
 
 static NTSTATUS DataPathDeviceAdd(WDFDRIVER Driver, PWDFDEVICE_INIT DeviceInit)
@@ -114,7 +83,6 @@ static NTSTATUS DataPathDeviceAdd(WDFDRIVER Driver, PWDFDEVICE_INIT DeviceInit)
     }
     FdoExtension* ext = FdoGetExtension(device);
     ext->Device = device;
-    ext->BaudRate = g_BaudRate;
 
     WDF_IO_QUEUE_CONFIG_INIT_DEFAULT_QUEUE(&queueConfig, WdfIoQueueDispatchParallel);
     queueConfig.EvtIoDeviceControl = DataPathDeviceControl;
@@ -148,28 +116,14 @@ static NTSTATUS OpenUart(FdoExtension* ext)
         return status;
     }
     KeInitializeSpinLock(&ext->PacketLock);
-    KeInitializeSpinLock(&ext->PacketLock2);
     return STATUS_SUCCESS;
 }
 
-static BOOLEAN SetLine(FdoExtension* ext)
-{
-    SERIAL_BAUD_RATE rate = {ext->BaudRate};
-    SERIAL_LINE_CONTROL line = {STOP_BIT_1, NO_PARITY, 8};
-    SERIAL_HANDFLOW flow = {};
-    return SerialSendIoSync(ext->UartIoTarget, IOCTL_SERIAL_SET_BAUD_RATE, sizeof(rate), &rate) &&
-           SerialSendIoSync(ext->UartIoTarget, IOCTL_SERIAL_SET_LINE_CONTROL, sizeof(line),
-                            &line) &&
-           SerialSendIoSync(ext->UartIoTarget, IOCTL_SERIAL_SET_HANDFLOW, sizeof(flow), &flow);
-}
-
-// What device initialisation sets up; anything left half made is released at cleanup.
+// What device initialisation sets up (the line is already configured by the test); anything
+// left half made is released at cleanup.
 static NTSTATUS StartDataPath(FdoExtension* ext)
 {
     WDF_IO_QUEUE_CONFIG queueConfig;
-    if (!SetLine(ext)) {
-        return STATUS_DEVICE_NOT_READY;
-    }
     WDF_IO_QUEUE_CONFIG_INIT(&queueConfig, WdfIoQueueDispatchManual);
     NTSTATUS status =
         WdfIoQueueCreate(ext->Device, &queueConfig, WDF_NO_OBJECT_ATTRIBUTES, &ext->ReadEventQueue);
@@ -182,7 +136,6 @@ static NTSTATUS StartDataPath(FdoExtension* ext)
         OsAllocateSignal(&ext->Threadprocess_FinishSignal, "Threadprocess_FinishSignal")) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    ext->ReadThreadRunning = 0;
     ext->Thread_flag = 1;
     ext->Threadread_flag = 1;
     ext->ReadEnable_flag = 1;
@@ -205,10 +158,7 @@ static NTSTATUS DataPathPrepareHardware(WDFDEVICE Device, WDFCMRESLIST Raw, WDFC
     UNREFERENCED_PARAMETER(Translated);
     FdoExtension* ext = FdoGetExtension(Device);
     NTSTATUS status = OpenUart(ext);
-    if (NT_SUCCESS(status)) {
-        status = StartDataPath(ext);
-    }
-    return status;
+    return NT_SUCCESS(status) ? StartDataPath(ext) : status;
 }
 
 // The stop order: the target first, so the read ends as cancelled; the read thread before
@@ -251,14 +201,8 @@ static VOID DataPathSelfManagedIoCleanup(WDFDEVICE Device)
 
 static VOID ForwardRead(FdoExtension* ext, WDFREQUEST Request)
 {
-    WDFMEMORY memory;
-    NTSTATUS status = WdfRequestRetrieveOutputMemory(Request, &memory);
-    if (!NT_SUCCESS(status)) {
-        WdfRequestComplete(Request, status);
-        return;
-    }
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&ext->PacketLock);
-    status = WdfRequestForwardToIoQueue(Request, ext->ReadEventQueue);
+    NTSTATUS status = WdfRequestForwardToIoQueue(Request, ext->ReadEventQueue);
     if (NT_SUCCESS(status)) {
         InterlockedIncrement(&ext->ReadEventCount);
         InterlockedIncrement(&ext->DataQueueCount);

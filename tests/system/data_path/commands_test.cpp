@@ -1,23 +1,36 @@
-// Commands with acknowledgement against the simulated chip: how often a command is written,
-// what the sender gets back and how long it takes, for each way the chip may answer.
+// Commands to the chip and what becomes of its answers: how often a command is written and
+// what the sender gets back for each way the chip may answer, and the answer to a pending
+// raw command.
 #include "data_path_fixture.h"
+
+#include <optional>
 
 namespace mvgps::test
 {
 namespace
 {
 
-using sim::chip::Fault;
-
 struct AckCase {
     const char* name;
-    std::vector<Fault> faults;
+    std::optional<Fault> fault;
     ULONG wait_ack;
     LONG result;
     std::size_t writes;
-    sched::Nanos min_time;
-    sched::Nanos max_time;
+    std::int64_t min_ms; // how long the command takes
+    std::int64_t max_ms;
     friend void PrintTo(const AckCase& c, std::ostream* os) { *os << c.name; }
+};
+
+// An accepted answer reaches the sender when the read that carries it ends, 10 ms after
+// the line falls quiet. A rejection leaves the signal set, so later attempts read the
+// newest answer at once: after one rejection the chip's accepting answer to the second
+// write is there when the third write's wait starts. Each unanswered write waits 1 s.
+const AckCase kAckCases[] = {
+    {"accepted", std::nullopt, 1, 0, 1, 10, 15},
+    {"not_awaited", std::nullopt, 0, 0, 1, 0, 5},
+    {"rejected_once", Fault::reject(1, 1), 1, 0, 3, 100, 150},
+    {"always_rejected", Fault::reject(5, 7), 1, 0, 5, 250, 300},
+    {"never_answered", Fault::no_ack(5), 1, 3, 5, 5250, 5300},
 };
 
 class Commands : public DataPath, public testing::WithParamInterface<AckCase>
@@ -29,68 +42,28 @@ TEST_P(Commands, WritesAndResultFollowTheChipsAnswers)
 {
     const AckCase& c = GetParam();
     start_with_chip();
-    for (const Fault& f : c.faults) {
-        chip().inject(f);
+    if (c.fault) {
+        chip().inject(*c.fault);
     }
     sched::Nanos start = now();
-    EXPECT_EQ(xfer(0x22, 5, {1}, nullptr, c.wait_ack), c.result);
+    EXPECT_EQ(xfer(0x22, 5, {1}, c.wait_ack), c.result);
     sched::Nanos took = now() - start;
     run_for(20 * kMillisecond); // the last write reaches the chip
 
     EXPECT_EQ(chip_received(0x22).size(), c.writes);
     // Exact times are a property of the simulation; real time only adds to them.
-    EXPECT_GE(took, c.min_time);
+    EXPECT_GE(took, c.min_ms * kMillisecond);
     if (simulated()) {
-        EXPECT_LE(took, c.max_time);
+        EXPECT_LE(took, c.max_ms * kMillisecond);
     }
     EXPECT_EQ(peek(ext().WaitAck_flag), 0);
     EXPECT_EQ(peek(ext().DeviceAssocFinishSignal->State), OS_SIGNAL_CLEAR);
 }
 
-// An accepted answer reaches the sender when the read that carries it ends, 10 ms after
-// the line falls quiet. A rejection leaves the signal set,
-// so later attempts read the newest answer at once: after one rejection the chip's accepting
-// answer to the second write is there when the third write's wait starts.
-INSTANTIATE_TEST_SUITE_P(
-    DataPath, Commands,
-    testing::Values(
-        AckCase{"accepted", {}, 1, 0, 1, 10 * kMillisecond, 15 * kMillisecond},
-        AckCase{"not_awaited", {}, 0, 0, 1, 0, 5 * kMillisecond},
-        AckCase{"rejected_once",
-                {Fault::reject(1, 1)},
-                1,
-                0,
-                3,
-                100 * kMillisecond,
-                150 * kMillisecond},
-        AckCase{"always_rejected",
-                {Fault::reject(5, 7)},
-                1,
-                0,
-                5,
-                250 * kMillisecond,
-                300 * kMillisecond},
-        AckCase{
-            "lost_twice", {Fault::no_ack(2)}, 1, 0, 3, 2100 * kMillisecond, 2200 * kMillisecond},
-        AckCase{"never_answered",
-                {Fault::no_ack(5)},
-                1,
-                3,
-                5,
-                5250 * kMillisecond,
-                5300 * kMillisecond}),
-    [](const testing::TestParamInfo<AckCase>& info) { return std::string(info.param.name); });
-
-TEST_F(DataPath, AcceptedAnswerIsCopiedWholeToTheSender)
-{
-    start_with_chip();
-    Bytes answer;
-    ASSERT_EQ(xfer(0x22, 5, {1}, &answer), 0);
-    // A5, length, pid, sid, payload length 4, err_status 0 (little-endian), CRC, tail.
-    Bytes expected = sim::chip::encode(Frame{0x22, 5, true, sim::testkit::le32(0)});
-    answer.resize(expected.size());
-    EXPECT_EQ(answer, expected);
-}
+INSTANTIATE_TEST_SUITE_P(DataPath, Commands, testing::ValuesIn(kAckCases),
+                         [](const testing::TestParamInfo<AckCase>& info) {
+                             return std::string(info.param.name);
+                         });
 
 TEST_F(DataPath, FailedWriteEndsTheCommandAtOnce)
 {
@@ -98,30 +71,49 @@ TEST_F(DataPath, FailedWriteEndsTheCommandAtOnce)
     chip().inject(Fault::no_ack(5));
     wdf::faults::add(wdf::faults::fail_nth_send(3, wdf::faults::Op::Write));
     sched::Nanos start = now();
-    EXPECT_EQ(xfer(0x22, 5, {1}), -1);
+    EXPECT_EQ(xfer(0x22, 5), -1);
     EXPECT_LT(now() - start, 2200 * kMillisecond);
     run_for(20 * kMillisecond);
     EXPECT_EQ(chip_received(0x22).size(), 2u);
     EXPECT_EQ(peek(ext().WaitAck_flag), 0);
     // The mutex was released: the next command goes through.
-    EXPECT_EQ(xfer(0x22, 5, {1}), 0);
+    EXPECT_EQ(xfer(0x22, 5), 0);
 }
 
-TEST_F(DataPath, CommandsFromSeveralThreadsAreSerialised)
+// The answer goes to the pending raw command only if it fits whole, and to a reader too.
+TEST_F(DataPath, PendingRawCommandIsCompletedByTheMatchingAnswer)
 {
     start_with_chip();
-    LONG results[3];
-    for (LONG& r : results) {
-        xfer_async(0x22, 5, {1}, &r);
+    const Bytes answer = ack_frame(0x22, 5);
+    for (std::size_t out : {answer.size(), answer.size() - 1}) {
+        SCOPED_TRACE(out);
+        auto reader = read();
+        auto cmd = send_cmd(0x22, 5, out);
+        ASSERT_TRUE(cmd->wait(now() + 100 * kMillisecond));
+        if (out == answer.size()) {
+            EXPECT_EQ(cmd->status(), STATUS_SUCCESS);
+            EXPECT_EQ(Bytes(cmd->output().begin(), cmd->output().begin() + cmd->information()),
+                      answer);
+        } else {
+            EXPECT_EQ(cmd->status(), STATUS_BUFFER_TOO_SMALL);
+            EXPECT_EQ(cmd->information(), 0u);
+        }
+        ASSERT_TRUE(reader->wait(now() + 50 * kMillisecond));
+        EXPECT_EQ(read_frame(*reader), answer);
+        EXPECT_EQ(peek(ext().CMD_Request), nullptr);
     }
-    ASSERT_TRUE(wait_until([&] {
-        sched::StateLock lock(sched::current());
-        return results[0] != INT32_MIN && results[1] != INT32_MIN && results[2] != INT32_MIN;
-    }));
-    for (LONG r : results) {
-        EXPECT_EQ(r, 0);
-    }
-    EXPECT_EQ(chip_received(0x22).size(), 3u);
+}
+
+// The second copy of a repeated answer finds no request pending and is only logged.
+TEST_F(DataPath, RepeatedAnswerCompletesTheRequestOnce)
+{
+    start_with_chip();
+    chip().inject(Fault::duplicate_ack(1));
+    auto cmd = send_cmd(0x22, 5, 64);
+    ASSERT_TRUE(cmd->wait(now() + 100 * kMillisecond));
+    run_for(50 * kMillisecond);
+    EXPECT_EQ(cmd->status(), STATUS_SUCCESS);
+    EXPECT_TRUE(logged("FdoExtension CMD_Request is NULL"));
 }
 
 } // namespace

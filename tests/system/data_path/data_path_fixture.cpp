@@ -1,24 +1,23 @@
 #include "data_path_fixture.h"
 
+#include <dlfcn.h>
+
 #include <cstring>
 
 namespace mvgps::test
 {
 
-ReadRecord parse_read(std::span<const std::uint8_t> out, std::size_t information)
+namespace
 {
-    ReadRecord r;
-    if (information < READ_COMPLETION_HEADER_SIZE || out.size() < information) {
-        ADD_FAILURE() << "a read returned " << information << " bytes";
-        return r;
-    }
-    r.type = out[0];
-    std::memcpy(&r.length, &out[4], 4);
-    std::memcpy(&r.one, &out[8], 4);
-    std::memcpy(&r.two, &out[12], 4);
-    r.frame.assign(out.begin() + READ_COMPLETION_HEADER_SIZE, out.begin() + information);
-    return r;
-}
+
+// Two fixes of a receiver, one sentence per frame.
+constexpr const char* kTwoEpochs =
+    "$GPGGA,120000.00,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,*4F\r\n"
+    "$GPRMC,120000.00,A,4807.038,N,01131.000,E,022.4,084.4,230394,003.1,W*6A\r\n"
+    "$GPGGA,120001.00,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,*4E\r\n"
+    "$GPRMC,120001.00,A,4807.038,N,01131.000,E,022.4,084.4,230394,003.1,W*6B\r\n";
+
+} // namespace
 
 DataPath::DataPath() : sched_(sched::make_from_env())
 {
@@ -40,11 +39,17 @@ DataPath::~DataPath()
     remove();
     io::unbind(u"\\Device\\DataPathUart");
     wdf::faults::clear();
-    kernel::clear_pool_faults();
 }
 
-void DataPath::start_with_chip(sim::chip::ChipConfig config)
+void DataPath::start_with_chip(bool talking, sim::chip::ByteOrder order)
 {
+    sim::chip::ChipConfig config;
+    config.order = order;
+    config.nmea_on = talking;
+    if (talking) {
+        config.capture =
+            std::make_shared<const sim::chip::Capture>(sim::chip::Capture::parse(kTwoEpochs));
+    }
     chip_ = std::make_unique<sim::chip::Chip>(wire_.b(), std::move(config));
     bring_up();
 }
@@ -68,6 +73,8 @@ void DataPath::bring_up()
     dlclose(image);
     ASSERT_NE(entry, nullptr);
     ops_ = entry();
+    // The byte order the driver's start-up switches to.
+    ops_->SetEndianMode(HCI_LITTLE_ENDIAN);
     ASSERT_EQ(pnp::ClientHandle::open_interface(GUID_DEVINTERFACE_DATA_PATH, client_),
               STATUS_SUCCESS);
 }
@@ -92,36 +99,42 @@ std::shared_ptr<pnp::PendingIo> DataPath::read(std::size_t length)
 }
 
 std::shared_ptr<pnp::PendingIo> DataPath::send_cmd(std::uint8_t pid, std::uint8_t sid,
-                                                   const Bytes& payload, std::size_t out_length)
+                                                   std::size_t out_length)
 {
-    Bytes in{pid, sid};
-    in.insert(in.end(), payload.begin(), payload.end());
-    return client_->ioctl_async(IOCTL_DATA_PATH_SEND_CMD, in, out_length);
+    return client_->ioctl_async(IOCTL_DATA_PATH_SEND_CMD, Bytes{pid, sid, 1}, out_length);
 }
 
-void DataPath::xfer_async(std::uint8_t pid, std::uint8_t sid, Bytes payload, LONG* result,
-                          Bytes* answer, ULONG wait_ack)
+Bytes DataPath::read_frame(const pnp::PendingIo& io)
 {
-    *result = INT32_MIN;
-    helpers_.push_back(sched::current().spawn("sender", [=, this] {
-        Bytes out(FDO_ACK_BUFFER_SIZE);
-        LONG r = ops_->Xfer(&ext(), wait_ack, 1, pid, sid, payload.data(),
-                            static_cast<USHORT>(payload.size()), answer ? out.data() : nullptr, 0);
-        if (answer != nullptr) {
-            *answer = out;
-        }
+    EXPECT_EQ(io.status(), STATUS_SUCCESS);
+    std::span<const std::uint8_t> out = io.output().first(io.information());
+    if (out.size() < READ_COMPLETION_HEADER_SIZE) {
+        ADD_FAILURE() << "a read returned " << out.size() << " bytes";
+        return {};
+    }
+    std::uint32_t header[3];
+    std::memcpy(header, &out[4], sizeof(header));
+    EXPECT_EQ(out[0], READ_COMPLETION_TYPE);
+    EXPECT_EQ(header[0], out.size() - READ_COMPLETION_HEADER_SIZE);
+    EXPECT_EQ(header[1], 1u);
+    EXPECT_EQ(header[2], 2u);
+    return Bytes(out.begin() + READ_COMPLETION_HEADER_SIZE, out.end());
+}
+
+LONG DataPath::xfer(std::uint8_t pid, std::uint8_t sid, const Bytes& payload, ULONG wait_ack)
+{
+    return ops_->Xfer(&ext(), wait_ack, 1, pid, sid, payload.data(),
+                      static_cast<USHORT>(payload.size()), nullptr, 0);
+}
+
+std::shared_ptr<const LONG> DataPath::call_async(std::function<LONG()> call)
+{
+    auto result = std::make_shared<LONG>(INT32_MIN);
+    helpers_.push_back(sched::current().spawn("caller", [call, result] {
+        LONG r = call();
         sched::StateLock lock(sched::current());
         *result = r;
     }));
-}
-
-LONG DataPath::xfer(std::uint8_t pid, std::uint8_t sid, const Bytes& payload, Bytes* answer,
-                    ULONG wait_ack)
-{
-    LONG result;
-    xfer_async(pid, sid, payload, &result, answer, wait_ack);
-    sched::current().join(helpers_.back());
-    helpers_.pop_back();
     return result;
 }
 
@@ -152,15 +165,8 @@ void DataPath::keep_alive()
 {
     keep_alive_ = true;
     helpers_.push_back(sched::current().spawn("keep-alive", [this] {
-        std::uint32_t seq = 0;
-        for (;;) {
-            {
-                sched::StateLock lock(sched::current());
-                if (!keep_alive_) {
-                    return;
-                }
-            }
-            peer_->send(Frame{HCI_PID_STATUS, 0, true, sim::testkit::le32(seq++)});
+        for (std::uint32_t seq = 0; keeping_alive(); seq++) {
+            peer_->send(Frame{HCI_PID_STATUS, 0, true, le32(seq)});
             run_for(25 * kMillisecond);
         }
     }));
@@ -170,6 +176,12 @@ void DataPath::stop_keep_alive()
 {
     sched::StateLock lock(sched::current());
     keep_alive_ = false;
+}
+
+bool DataPath::keeping_alive()
+{
+    sched::StateLock lock(sched::current());
+    return keep_alive_;
 }
 
 } // namespace mvgps::test

@@ -6,8 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
-
 #include <initguid.h>
 
 #include <functional>
@@ -16,11 +14,11 @@
 #include <vector>
 
 #include "data_path.h"
-#include "link/command.h"
-#include "read/read.h"
 #include "kernel/kernel.h"
+#include "link/command.h"
 #include "pnp/client.h"
 #include "pnp/stack.h"
+#include "read/read.h"
 #include "sched/sched.h"
 #include "sim/chip/chip.h"
 #include "sim/uart/controller.h"
@@ -34,39 +32,22 @@ namespace mvgps::test
 using Bytes = std::vector<std::uint8_t>;
 using sched::kMillisecond;
 using sched::kSecond;
+using sim::chip::Fault;
 using sim::chip::Frame;
+using sim::testkit::le32;
 
-// Two fixes of a receiver, one sentence per frame.
-inline constexpr const char* kTwoEpochs =
-    "$GPGGA,120000.00,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,*4F\r\n"
-    "$GPRMC,120000.00,A,4807.038,N,01131.000,E,022.4,084.4,230394,003.1,W*6A\r\n"
-    "$GPGGA,120001.00,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,*4E\r\n"
-    "$GPRMC,120001.00,A,4807.038,N,01131.000,E,022.4,084.4,230394,003.1,W*6B\r\n";
-
-inline sim::chip::ChipConfig quiet_chip()
+// An acknowledgement as the chip sends it: err_status first in the payload.
+inline Bytes ack_frame(std::uint8_t pid, std::uint8_t sid, std::uint32_t err_status = 0)
 {
-    sim::chip::ChipConfig c;
-    c.nmea_on = false;
-    return c;
+    return sim::chip::encode(Frame{pid, sid, true, le32(err_status)});
 }
 
-// NMEA on: an epoch of two sentences every second.
-inline sim::chip::ChipConfig talking_chip()
+// A numbered NMEA sentence in a frame as the chip sends one.
+inline Frame sentence_frame(int n)
 {
-    sim::chip::ChipConfig c;
-    c.capture = std::make_shared<const sim::chip::Capture>(sim::chip::Capture::parse(kTwoEpochs));
-    return c;
+    std::string text = "$GPTXT,01,01,02,frame " + std::to_string(n) + "*00\r\n";
+    return Frame{0x31, 0, true, Bytes(text.begin(), text.end())};
 }
-
-// The 16-byte header a completed read starts with, then the frame.
-struct ReadRecord {
-    std::uint8_t type = 0;
-    std::uint32_t length = 0;
-    std::uint32_t one = 0;
-    std::uint32_t two = 0;
-    Bytes frame;
-};
-ReadRecord parse_read(std::span<const std::uint8_t> out, std::size_t information);
 
 // A driver field that its threads change with interlocked or release stores, read as they
 // do, so that a real-time run under ThreadSanitizer sees no race.
@@ -82,9 +63,11 @@ class DataPath : public testing::Test
     DataPath();
     ~DataPath() override;
 
-    // Brings the device up against the simulated chip, or against a scripted peer that the
-    // test drives byte by byte.
-    void start_with_chip(sim::chip::ChipConfig config = quiet_chip());
+    // Brings the device up against the simulated chip (NMEA output on when talking), or
+    // against a scripted peer that the test drives byte by byte. Memory commands go
+    // little-endian, as after the driver's start-up.
+    void start_with_chip(bool talking = false,
+                         sim::chip::ByteOrder order = sim::chip::ByteOrder::Little);
     void start_with_peer();
     // Removes the device (the stop order runs) and unloads the image.
     void remove();
@@ -97,31 +80,38 @@ class DataPath : public testing::Test
 
     std::shared_ptr<pnp::PendingIo> read(std::size_t length = 256);
     std::shared_ptr<pnp::PendingIo> send_cmd(std::uint8_t pid, std::uint8_t sid,
-                                             const Bytes& payload, std::size_t out_length);
-    // xfer_hci_pkt_core on a thread of its own; the result arrives in *result.
-    void xfer_async(std::uint8_t pid, std::uint8_t sid, Bytes payload, LONG* result,
-                    Bytes* answer = nullptr, ULONG wait_ack = 1);
-    LONG xfer(std::uint8_t pid, std::uint8_t sid, const Bytes& payload = {},
-              Bytes* answer = nullptr, ULONG wait_ack = 1);
+                                             std::size_t out_length);
+    // The frame behind the 16-byte header of a completed read, whose fields are checked.
+    static Bytes read_frame(const pnp::PendingIo& io);
+    LONG xfer(std::uint8_t pid, std::uint8_t sid, const Bytes& payload = {1}, ULONG wait_ack = 1);
+    // Runs a driver call on a thread of its own; the result stays INT32_MIN until it returns.
+    std::shared_ptr<const LONG> call_async(std::function<LONG()> call);
+    static bool returned(const LONG& result)
+    {
+        sched::StateLock lock(sched::current());
+        return result != INT32_MIN;
+    }
 
     // Lets the simulation run; waits (in its time) until the condition holds.
     static void run_for(sched::Nanos d) { sim::testkit::run_for(d); }
     static bool wait_until(const std::function<bool()>& done, sched::Nanos timeout = kSecond);
     static sched::Nanos now() { return sched::current().now(); }
     static std::string log() { return kernel::debug_output(); }
+    static bool logged(const char* text) { return log().find(text) != std::string::npos; }
+    static bool simulated() { return sched::current().mode() == sched::Mode::Simulated; }
     // Frames the chip received with this pid, in order.
     std::vector<Frame> chip_received(std::uint8_t pid) const;
     // Whether a read thread has signalled its end since the device came up.
-    bool read_thread_ended()
-    {
-        return log().find("OsSetSignal Threadread_FinishSignal") != std::string::npos;
-    }
-    static bool simulated() { return sched::current().mode() == sched::Mode::Simulated; }
+    static bool read_thread_ended() { return logged("OsSetSignal Threadread_FinishSignal"); }
 
     // The scripted peer keeps the read thread alive as a chip does, with a status frame
     // every 25 ms, until it is told to stop.
     void keep_alive();
     void stop_keep_alive();
+
+  private:
+    void bring_up();
+    bool keeping_alive();
 
     sched::Install sched_;
     sim::uart::Wire wire_;
@@ -133,9 +123,6 @@ class DataPath : public testing::Test
     const DATA_PATH_OPS* ops_ = nullptr;
     bool keep_alive_ = false;
     std::vector<sched::Thread*> helpers_;
-
-  private:
-    void bring_up();
 };
 
 } // namespace mvgps::test
