@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "data_path.h"
+#include "data_path_ops.h"
 #include "pnp/client.h"
 #include "pnp/stack.h"
 #include "read/read.h"
@@ -27,8 +27,6 @@
 #include "sim/uart/controller.h"
 #include "sim/uart/wire.h"
 #include "sim_testkit/client.h"
-
-#include <dlfcn.h>
 
 namespace
 {
@@ -83,12 +81,7 @@ class World
         ok_ = stack_->bring_up() == STATUS_SUCCESS &&
               pnp::ClientHandle::open_interface(GUID_DEVINTERFACE_DATA_PATH, client_) ==
                   STATUS_SUCCESS;
-        void* image = dlopen(DATA_PATH_DRIVER_PATH, RTLD_NOW | RTLD_NOLOAD);
-        if (image != nullptr) {
-            auto entry = reinterpret_cast<DATA_PATH_OPS_FN*>(dlsym(image, "DataPathOps"));
-            dlclose(image);
-            ops_ = entry != nullptr ? entry() : nullptr;
-        }
+        ops_ = test::find_data_path_ops(DATA_PATH_DRIVER_PATH);
         ok_ = ok_ && ops_ != nullptr;
     }
 

@@ -1,7 +1,5 @@
 #include "data_path_fixture.h"
 
-#include <dlfcn.h>
-
 #include <cstring>
 
 namespace mvgps::test
@@ -66,13 +64,8 @@ void DataPath::bring_up()
     node.image = DATA_PATH_DRIVER_PATH;
     stack_ = std::make_unique<pnp::DeviceStack>(node);
     ASSERT_EQ(stack_->bring_up(), STATUS_SUCCESS);
-    // A handle of our own would keep the image mapped after its unload.
-    void* image = dlopen(DATA_PATH_DRIVER_PATH, RTLD_NOW | RTLD_NOLOAD);
-    ASSERT_NE(image, nullptr);
-    auto entry = reinterpret_cast<DATA_PATH_OPS_FN*>(dlsym(image, "DataPathOps"));
-    dlclose(image);
-    ASSERT_NE(entry, nullptr);
-    ops_ = entry();
+    ops_ = find_data_path_ops(DATA_PATH_DRIVER_PATH);
+    ASSERT_NE(ops_, nullptr);
     // The byte order the driver's start-up switches to.
     ops_->SetEndianMode(HCI_LITTLE_ENDIAN);
     ASSERT_EQ(pnp::ClientHandle::open_interface(GUID_DEVINTERFACE_DATA_PATH, client_),

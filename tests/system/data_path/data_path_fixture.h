@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "data_path.h"
+#include "data_path_ops.h"
 #include "kernel/kernel.h"
 #include "link/command.h"
 #include "pnp/client.h"
