@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "sched/sched.h"
+#include "wdf/fold.h"
 #include "wdf/rules.h"
 
 namespace mvgps::wdf
@@ -16,17 +17,6 @@ std::vector<Driver*>& loaded()
 {
     static std::vector<Driver*> drivers;
     return drivers;
-}
-
-std::u16string fold(std::u16string_view text)
-{
-    std::u16string out(text);
-    for (auto& c : out) {
-        if (c >= u'A' && c <= u'Z') {
-            c = static_cast<char16_t>(c - u'A' + u'a');
-        }
-    }
-    return out;
 }
 
 std::u16string to_string(PCUNICODE_STRING text)

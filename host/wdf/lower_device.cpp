@@ -3,6 +3,8 @@
 #include <map>
 #include <mutex>
 
+#include "wdf/fold.h"
+
 namespace mvgps::io
 {
 
@@ -109,17 +111,6 @@ std::size_t IoRequest::information() const
 
 namespace
 {
-
-std::u16string fold(std::u16string_view name)
-{
-    std::u16string out(name);
-    for (auto& c : out) {
-        if (c >= u'A' && c <= u'Z') {
-            c = static_cast<char16_t>(c - u'A' + u'a');
-        }
-    }
-    return out;
-}
 
 // The namespace changes only while tests set up or tear down their world, never across a
 // scheduling point, so a plain mutex guards it.
