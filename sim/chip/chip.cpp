@@ -272,10 +272,20 @@ void Chip::emit(Burst b, Nanos now)
     }
 }
 
+// Periodic output does not queue up behind a line that is already far behind: the burst
+// is skipped and counted.
+bool Chip::backlogged(Nanos now)
+{
+    if (tx_done_ <= now + config_.max_backlog) {
+        return false;
+    }
+    ++stats_.bursts_skipped;
+    return true;
+}
+
 void Chip::emit_status(Nanos now)
 {
-    if (tx_done_ > now + config_.max_backlog) {
-        ++stats_.bursts_skipped;
+    if (backlogged(now)) {
         return;
     }
     Burst b;
@@ -294,8 +304,7 @@ void Chip::emit_epoch(Nanos now)
     if (epochs.empty()) {
         return;
     }
-    if (tx_done_ > now + config_.max_backlog) {
-        ++stats_.bursts_skipped;
+    if (backlogged(now)) {
         return;
     }
     Burst b;

@@ -120,6 +120,7 @@ class Chip final : public LineReceiver
     void add_frame(Burst& b, Frame f);
     void schedule(Burst b);
     void emit(Burst b, sched::Nanos now);
+    bool backlogged(sched::Nanos now);
     void emit_status(sched::Nanos now);
     void emit_epoch(sched::Nanos now);
     void record(TraceEntry e);
