@@ -29,10 +29,14 @@ FORCEINLINE BOOLEAN DbgClassEnabled(ULONG Class)
     return (DebugLogMask & Class) != 0;
 }
 
-#define MvDbgPrint(Class, ...)                                                                     \
+// Prints under the name of the function that owns the message. Small helpers pass their
+// caller's name, so a line always carries the name an operator searches the log for.
+#define MvDbgPrintAs(Function, Class, ...)                                                         \
     do {                                                                                           \
         if (DbgClassEnabled(Class)) {                                                              \
-            DbgPrint("\n[MV_GPS](%4d)%-40.39s  ", __LINE__, __FUNCTION__);                         \
+            DbgPrint("\n[MV_GPS](%4d)%-40.39s  ", __LINE__, Function);                             \
             DbgPrint(__VA_ARGS__);                                                                 \
         }                                                                                          \
     } while (0)
+
+#define MvDbgPrint(Class, ...) MvDbgPrintAs(__FUNCTION__, Class, __VA_ARGS__)
