@@ -15,7 +15,7 @@
 #include <ntddk.h>
 #include <wdf.h>
 
-#include "link/hci.h"
+#include "link/codec/hci.h"
 #include "os/os.h"
 
 // The chip answers a memory read of the largest size, 2048 bytes, with a frame of 2048 + 14

@@ -1,6 +1,6 @@
 // The read thread: the UART's receive side, read in interval-timeout mode and cut into
 // frames on this thread.
-#include "link/command.h"
+#include "link/device/command.h"
 #include "read/read.h"
 #include "uart/uart.h"
 

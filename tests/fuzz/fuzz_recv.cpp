@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "link/hci.h"
+#include "link/codec/hci.h"
 
 namespace
 {

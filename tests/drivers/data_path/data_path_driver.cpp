@@ -7,7 +7,7 @@
 #include <initguid.h>
 
 #include "data_path.h"
-#include "link/command.h"
+#include "link/device/command.h"
 #include "read/read.h"
 #include "uart/uart.h"
 

@@ -1,5 +1,5 @@
 // CRC-16/XMODEM over frame bytes, one table lookup per byte.
-#include "link/hci.h"
+#include "link/codec/hci.h"
 
 namespace
 {

@@ -1,6 +1,6 @@
 // Commands to the chip: one frame written whole under the transmit mutex and, when the
 // sender asks for it, acknowledged by the chip with the same pid and sid.
-#include "link/command.h"
+#include "link/device/command.h"
 #include "uart/uart.h"
 
 static VOID trace_tx_start(const hci_tx_packet* packet)

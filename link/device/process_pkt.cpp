@@ -1,7 +1,7 @@
 // Every complete frame from the receive path, on the read thread: the awaited
 // acknowledgement for the sender, a copy queued for client reads, and the answer to a
 // pending raw command.
-#include "link/command.h"
+#include "link/device/command.h"
 #include "read/packet_entry.h"
 
 // The copy is cut at the buffer's size; the sender still finds err_status at offset 7.
