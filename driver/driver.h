@@ -85,6 +85,9 @@ struct FdoExtension {
     volatile UCHAR WaitAckSid;
     PUCHAR AckBuffer; // FDO_ACK_BUFFER_SIZE bytes
     USHORT AckLength;
+    // The size device set-up allocated for AckBuffer, set with it: every copy into the
+    // buffer is bounded by it, 0 while there is no buffer.
+    USHORT AckBufferSize;
     OsSignal* DeviceAssocFinishSignal;
     OsMutex* hci_wr_mutex;
     OsSignal* DataFinishSignal;

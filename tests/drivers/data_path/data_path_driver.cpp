@@ -144,6 +144,7 @@ static NTSTATUS StartDataPath(FdoExtension* ext)
     if (ext->AckBuffer == NULL) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
+    ext->AckBufferSize = FDO_ACK_BUFFER_SIZE;
     InitializeListHead(&ext->ReadDataList);
     status = OsCreateThread(StartFunc_GPS, ext, 0, &g_ReadThread);
     if (!NT_SUCCESS(status)) {
