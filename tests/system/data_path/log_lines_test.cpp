@@ -172,6 +172,17 @@ void serial_refusals(LogLines& t)
     EXPECT_FALSE(t.ops().SerialRead(t.ext().UartIoTarget, IOCTL_SERIAL_GET_BAUD_RATE, 2, &rate));
 }
 
+// Memory commands the chip never answers, and a write of nothing.
+void memory_commands_unanswered(LogLines& t)
+{
+    t.start();
+    t.chip().inject(Fault::no_ack(10));
+    UCHAR data[4] = {1, 2, 3, 4};
+    EXPECT_EQ(t.ops().WriteMem(&t.ext(), 0x20000000, data, sizeof(data), 0), 3);
+    EXPECT_EQ(t.ops().ReadMem(&t.ext(), 0x20000000, sizeof(data), data, 0), 3);
+    EXPECT_EQ(t.ops().WriteMem(&t.ext(), 0x20000000, nullptr, sizeof(data), 0), -1);
+}
+
 // Removal cancels the read in flight and ends both threads.
 void thread_ends(LogLines& t)
 {
@@ -240,6 +251,12 @@ const Scenario kScenarios[] = {
        "-FdoWriteToDeviceSync: Status(0xc000000d|InvalidParam)BytesWritten(0)"},
       {DBG_OS, "SerialSendIoSync", "SerialSendIoSync fail with 0xc000000d\n"},
       {DBG_OS, "SerialReadFromSync", "SerialSendIoSync fail with 0xc0000023\n"}}},
+    {"memory_commands_unanswered",
+     memory_commands_unanswered,
+     {{DBG_ERROR, "hci_write_mem_core", "Begin: hci_write_mem_core!"},
+      {DBG_ERROR, "hci_write_mem_core", "Failed to write mem 0x20000000, len 4"},
+      {DBG_ERROR, "hci_read_mem_core", "hci read failed, address 0x20000000, length 4"},
+      {DBG_ERROR, "hci_write_mem_core", "funcx: buf is null"}}},
     {"thread_ends",
      thread_ends,
      {{DBG_ERROR, "HalReadFromDeviceSync", "I/O Canceled!!"},
