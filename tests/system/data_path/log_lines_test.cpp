@@ -172,6 +172,14 @@ void serial_refusals(LogLines& t)
     EXPECT_FALSE(t.ops().SerialRead(t.ext().UartIoTarget, IOCTL_SERIAL_GET_BAUD_RATE, 2, &rate));
 }
 
+// The port refuses the read thread's timeouts: the thread reads on regardless.
+void timeouts_refused(LogLines& t)
+{
+    wdf::faults::add(wdf::faults::fail_control(IOCTL_SERIAL_SET_TIMEOUTS));
+    t.start();
+    t.run_for(20 * kMillisecond);
+}
+
 // Memory commands the chip never answers, and a write of nothing.
 void memory_commands_unanswered(LogLines& t)
 {
@@ -251,6 +259,11 @@ const Scenario kScenarios[] = {
        "-FdoWriteToDeviceSync: Status(0xc000000d|InvalidParam)BytesWritten(0)"},
       {DBG_OS, "SerialSendIoSync", "SerialSendIoSync fail with 0xc000000d\n"},
       {DBG_OS, "SerialReadFromSync", "SerialSendIoSync fail with 0xc0000023\n"}}},
+    {"timeouts_refused",
+     timeouts_refused,
+     {{DBG_ERROR, "HalWriteToDeviceSync", "+++HalWriteToDeviceSync"},
+      {DBG_ERROR, "HalWriteToDeviceSync", "---HalWriteToDeviceSync"},
+      {DBG_ERROR, "StartFunc_GPS", "Error!!BytesWritten(0)Status(c0000001)"}}},
     {"memory_commands_unanswered",
      memory_commands_unanswered,
      {{DBG_ERROR, "hci_write_mem_core", "Begin: hci_write_mem_core!"},
