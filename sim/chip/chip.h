@@ -49,7 +49,10 @@ struct ChipConfig {
     sched::Nanos rx_gap = 20 * sched::kMillisecond;
     // Periodic output is skipped while this much is still queued on the line.
     sched::Nanos max_backlog = 500 * sched::kMillisecond;
-    std::uint8_t geofence_status = 0;
+    // Forces the status of every geofence answer (nullopt: the fence table decides).
+    std::optional<std::uint8_t> geofence_status;
+    std::size_t geofence_capacity = 8;
+    ReceiverConfig receiver; // the sentence source when no capture is given
     std::vector<std::uint32_t> rates{standard_rates().begin(), standard_rates().end()};
     std::size_t trace_limit = 1 << 16; // oldest entries go first; 0 keeps no trace
 };
@@ -87,7 +90,7 @@ class Chip final : public LineReceiver
     void inject(const Fault& f);
     // Power off: silent and deaf. Power on: boots like after a reset.
     void set_power(bool on);
-    void set_geofence_status(std::uint8_t status);
+    void set_geofence_status(std::optional<std::uint8_t> status);
 
     // Inspection; each takes the state lock.
     ChipStats stats() const;
@@ -122,6 +125,7 @@ class Chip final : public LineReceiver
     void emit(Burst b, sched::Nanos now);
     bool backlogged(sched::Nanos now);
     void emit_status(sched::Nanos now);
+    std::vector<std::string> next_sentences(sched::Nanos now);
     void emit_epoch(sched::Nanos now);
     void record(TraceEntry e);
     void configure_rate(std::uint32_t rate);
@@ -132,6 +136,8 @@ class Chip final : public LineReceiver
     const ChipConfig config_;
     Random random_;
     Protocol protocol_;
+    ReceiverModel receiver_;
+    const sched::Nanos epoch_period_;
     FaultScript faults_;
     FrameParser parser_;
     ChipStats stats_;

@@ -44,15 +44,17 @@ TEST(Chip, AnswersEveryCommandAndKeepsOnlyWhatItAccepted)
         {"warm start", 0x20, 2, {4}, kAccepted, {}},
         {"warm start, no payload", 0x20, 2, {}, kBadLength, {}},
         {"assistance type 0", 6, 0, Bytes(28, 1), kAccepted, {}},
+        {"assistance type 3, no slot open", 6, 3, Bytes(24, 2), kBadArgument, {}},
+        {"assistance type 1", 6, 1, Bytes(48, 3), kAccepted, {}},
         {"assistance type 3", 6, 3, Bytes(24, 2), kAccepted, {}},
         {"assistance, wrong size", 6, 2, Bytes(25, 1), kBadLength, {}},
         {"assistance, unknown type", 6, 7, Bytes(36, 1), kUnknownCommand, {}},
-        {"geofence", 0x30, 3, {0x34, 0x12, 0, 0}, kAccepted, {0x34, 0x12, 9}},
+        {"geofence", 0x30, 3, {0x34, 0x12, 0, 0}, kAccepted, {0x34, 0x12, 4}},
+        {"geofence, unknown sid", 0x30, 7, {0x34, 0x12, 0, 0}, kUnknownCommand, {}},
         {"baud rate, unsupported", 0x16, 0, le32(12345), kBadArgument, {}},
         {"unknown command", 0x07, 0, {}, kUnknownCommand, {}},
     };
     World w;
-    w.chip.set_geofence_status(9);
     for (const auto& c : cases) {
         const auto ack = w.client.command(c.pid, c.sid, c.payload);
         ASSERT_TRUE(ack.has_value()) << c.name;
@@ -62,13 +64,13 @@ TEST(Chip, AnswersEveryCommandAndKeepsOnlyWhatItAccepted)
     EXPECT_EQ(w.chip.stats().answers_sent, std::size(cases));
     EXPECT_NE(w.chip.trace()[0].text().find("rx 05/01"), std::string::npos);
     const ChipState st = w.chip.state();
-    EXPECT_TRUE(st.nmea_on);
+    EXPECT_FALSE(st.nmea_on) << "sid 4 alone does not turn output on";
     EXPECT_EQ(st.rf_registers, (std::map<std::uint8_t, std::uint32_t>{{0x31, 0x2A856}}));
     EXPECT_EQ(st.option, std::optional<std::uint8_t>(0));
-    EXPECT_EQ(st.agps, (std::vector<AgpsBlock>{{0, Bytes(28, 1)}, {3, Bytes(24, 2)}}));
+    EXPECT_EQ(st.agps, (Assistance{Bytes(28, 1), {{{{1, Bytes(48, 3)}, {3, Bytes(24, 2)}}}}}));
     EXPECT_EQ(st.cold_starts, 1);
     EXPECT_EQ(st.warm_starts, 1);
-    EXPECT_EQ(st.geofence.size(), 1u);
+    EXPECT_TRUE(st.geofences.empty());
 }
 
 TEST(Chip, MemoryReadsBackWhatWasWrittenInTheChipsByteOrder)
