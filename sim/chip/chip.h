@@ -2,19 +2,28 @@
 //
 // It hears frames (chip/frame.h) on its Line and answers every command with an
 // acknowledgement of the same pid and sid whose payload starts with err_status (0: carried
-// out; protocol.h lists the commands and the other values). Besides answers it sends:
+// out; protocol.h lists the commands, what each does and the other values). Besides answers
+// it sends:
 //   - while powered and awake, a status frame (pid 50, sid 0, 4-byte sequence number) about
 //     every 25 ms;
-//   - while NMEA output is on, the epochs of a recorded capture (chip/nmea.h), looping, one
-//     epoch per epoch period and one frame per sentence: pid 0x31, sid 0, the sentence and
-//     CRLF as payload. Clients recognise NMEA by its content, not by these identifiers.
-// Every burst (an epoch, an answer) leaves as one run of bytes. The baud-rate command is
-// answered at the old rate; the chip switches once that answer has left. The sleep command
-// (pid 0x20, sid 8) is answered, then the chip sends nothing until it hears the next frame,
-// which wakes it and is served.
+//   - while NMEA output is on, one epoch a second from its receiver model (chip/receiver.h),
+//     or, when a capture is given, the epochs of that recording (chip/nmea.h), looping, at
+//     its own epoch period. One frame per sentence: pid 0x31, sid 0, the sentence and CRLF
+//     as payload. Clients recognise NMEA by its content, not by these identifiers.
+// NMEA off (pid 0xFF, sid 2) stops the sentences, NMEA on (sid 3) restarts them; sid 4 is
+// acknowledged and changes nothing. Cold start (pid 0x20, sid 6) and warm start (sid 2) drop
+// the receiver's fix, which returns after the receiver's time to first fix; a cold start
+// also plays a capture from its beginning again. Assistance blocks (pid 6) shorten the next
+// search. Geofence commands (pid 0x30) work on a table of fences (chip/geofence.h).
+// Every burst (an epoch, an answer) leaves as one run of bytes. The baud-rate command
+// (pid 0x16, sid 0, u32 rate little-endian) is answered at the old rate; the chip switches
+// once that answer has left, so a peer that stays at the old rate hears garbage. The sleep
+// command (pid 0x20, sid 8) is answered, then the chip sends nothing until it hears the
+// next frame, which wakes it and is served.
 //
 // Time and randomness come from the scheduler: the chip runs one thread ("chip") that sends
-// what is due and sleeps until the next thing is.
+// what is due and sleeps until the next thing is; its noise, delays and receiver draw from
+// their own seeded streams.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,22 @@
 // The chip's command set: what each command does to the chip's state and what its
 // acknowledgement carries. No time and no line here; the chip (chip.h) decides when answers
 // leave and what faults do to them.
+//
+//   pid/sid   payload                                   effect
+//   04/0      address u32, count u16                    the bytes follow err_status
+//   05/w      address u32, data                         w: 1, 2 or 4 bytes; 4 aligned words;
+//                                                       0 any number of bytes
+//   06/0..6   28, 48, 24, 24, 28, 36, 36 bytes          assistance (see Assistance)
+//   10/0      u32: register (low byte), value           RF register recorded
+//   16/0      u32 rate, little-endian                   the line switches after the answer
+//   20/2      1 byte                                    warm start
+//   20/6      2 bytes                                   cold start
+//   20/8      none                                      sleep until the next frame
+//   22/5      1 byte                                    output option recorded
+//   30/0..6   geofence.h                                answer adds id (u16 LE) and status
+//   FF/2,3,4  none                                      NMEA off, on, accepted without effect
+// A wrong sid is err_status 1, a wrong payload length 2, an argument out of range 3; a
+// refused command changes nothing.
 #pragma once
 
 #include <cstdint>
