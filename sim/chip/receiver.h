@@ -76,8 +76,6 @@ class ReceiverModel
     void start(Start kind, sched::Nanos now);
     void assist(sched::Nanos now);
     bool has_fix(sched::Nanos now) const { return now >= fix_at_; }
-    // When the current search ends.
-    sched::Nanos fix_at() const { return fix_at_; }
     // The sentences of the epoch at `now`, without line endings.
     std::vector<std::string> epoch(sched::Nanos now);
 
