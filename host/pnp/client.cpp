@@ -96,7 +96,9 @@ std::shared_ptr<PendingIo> ClientHandle::ioctl_async(ULONG code,
         }
         s.point("I/O completion");
     };
-    if (closed_ || device_->pnp_state() != wdf::Device::Pnp::Started) {
+    // Handles opened before a surprise removal still reach the device until it is removed.
+    auto state = device_->pnp_state();
+    if (closed_ || state == wdf::Device::Pnp::Removed || state == wdf::Device::Pnp::Added) {
         complete(closed_ ? STATUS_INVALID_HANDLE : STATUS_DELETE_PENDING, 0);
         return io;
     }

@@ -129,17 +129,29 @@ NTSTATUS DeviceStack::sleep(DEVICE_POWER_STATE state)
 
 NTSTATUS DeviceStack::wake()
 {
-    PnpOperation op(pnp_lock_);
-    return fdo_ ? fdo_->set_power(PowerDeviceD0) : STATUS_INVALID_DEVICE_STATE;
+    NTSTATUS status;
+    {
+        PnpOperation op(pnp_lock_);
+        status = fdo_ ? fdo_->set_power(PowerDeviceD0) : STATUS_INVALID_DEVICE_STATE;
+    }
+    // A device that fails to power up is failed: the PnP manager removes it.
+    if (!NT_SUCCESS(status) && fdo() && fdo()->pnp_state() == wdf::Device::Pnp::Failed) {
+        remove();
+    }
+    return status;
 }
 
 NTSTATUS DeviceStack::disable()
 {
-    if (!fdo()) {
-        return STATUS_INVALID_DEVICE_STATE;
+    NTSTATUS status;
+    {
+        PnpOperation op(pnp_lock_);
+        status = fdo_ ? fdo_->query_remove() : STATUS_INVALID_DEVICE_STATE;
     }
-    unload();
-    return STATUS_SUCCESS;
+    if (NT_SUCCESS(status)) {
+        unload();
+    }
+    return status;
 }
 
 NTSTATUS DeviceStack::enable()
@@ -147,14 +159,22 @@ NTSTATUS DeviceStack::enable()
     return fdo() ? STATUS_INVALID_DEVICE_STATE : bring_up();
 }
 
-void DeviceStack::remove_device(bool surprise)
+void DeviceStack::surprise_remove()
+{
+    PnpOperation op(pnp_lock_);
+    if (fdo_) {
+        fdo_->surprise_remove();
+    }
+}
+
+void DeviceStack::remove()
 {
     PnpOperation op(pnp_lock_);
     if (!fdo_) {
         return;
     }
     wdf::Device* device = fdo_;
-    device->remove(surprise);
+    device->remove();
     auto& s = sched::current();
     sched::StateLock lock(s);
     fdo_ = nullptr;
@@ -162,19 +182,9 @@ void DeviceStack::remove_device(bool surprise)
     s.wake(children_changed_);
 }
 
-void DeviceStack::surprise_remove()
-{
-    remove_device(true);
-}
-
-void DeviceStack::remove()
-{
-    remove_device(false);
-}
-
 void DeviceStack::unload()
 {
-    remove_device(false);
+    remove();
     PnpOperation op(pnp_lock_);
     if (image_.loaded()) {
         image_.unload();

@@ -136,7 +136,9 @@ NTSTATUS send(WDFIOTARGET handle, WDFREQUEST request_handle, const Send& what,
     if (options && options->Size != sizeof(WDF_REQUEST_SEND_OPTIONS)) {
         return STATUS_INVALID_PARAMETER;
     }
-    bool has_timeout = options && (options->Flags & WDF_REQUEST_SEND_OPTION_TIMEOUT);
+    // A timeout of 0 is no timeout at all, as the real framework reads it.
+    bool has_timeout =
+        options && (options->Flags & WDF_REQUEST_SEND_OPTION_TIMEOUT) && options->Timeout != 0;
     bool ignore_state = options && (options->Flags & WDF_REQUEST_SEND_OPTION_IGNORE_TARGET_STATE);
     sched::Nanos deadline = has_timeout ? deadline_from(&options->Timeout) : sched::kForever;
 
@@ -159,12 +161,18 @@ NTSTATUS send(WDFIOTARGET handle, WDFREQUEST request_handle, const Send& what,
     auto io = io::IoRequest::make(major, what.code, down_in, down_out);
 
     auto& s = sched::current();
+    bool in_flight;
+    {
+        sched::StateLock lock(s);
+        in_flight = request && request->sending;
+    }
+    if (in_flight) {
+        violation(Rule::RequestInFlight, std::string(call) + " with a request still in flight",
+                  reinterpret_cast<std::uintptr_t>(request_handle));
+    }
     io::LowerFile* file = nullptr;
     {
         sched::StateLock lock(s);
-        if (request && request->sending) {
-            return STATUS_INVALID_DEVICE_STATE;
-        }
         auto ready = [&] { return target->state != WdfIoTargetStopped || ignore_state; };
         if (s.wait(target->changes, "I/O target to start", deadline, ready) ==
             sched::WaitResult::TimedOut) {
@@ -287,9 +295,11 @@ NTSTATUS WdfIoTargetStart(WDFIOTARGET IoTarget)
 VOID WdfIoTargetStop(WDFIOTARGET IoTarget, WDF_IO_TARGET_SENT_IO_ACTION Action)
 {
     wdf::IoTarget* target = target_of(IoTarget, "WdfIoTargetStop");
+    // Stopping a stopped target still cancels and waits for what is in flight (a send
+    // made with the ignore-state option).
     {
         sched::StateLock lock(sched::current());
-        if (target->state != WdfIoTargetStarted) {
+        if (target->state != WdfIoTargetStarted && target->state != WdfIoTargetStopped) {
             return;
         }
         target->state = WdfIoTargetStopped;

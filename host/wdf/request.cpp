@@ -138,6 +138,9 @@ NTSTATUS Queue::enqueue(const std::shared_ptr<Request>& request)
 NTSTATUS Queue::retrieve(WDFREQUEST* out)
 {
     sched::StateLock lock(sched::current());
+    if (config_.DispatchType == WdfIoQueueDispatchParallel) {
+        return STATUS_INVALID_DEVICE_STATE;
+    }
     if (power_managed_ && !running_) {
         return STATUS_WDF_PAUSED;
     }
@@ -188,9 +191,10 @@ void Queue::presented_done()
 void Queue::deliver()
 {
     auto& s = sched::current();
-    if (kernel::current_irql() > PASSIVE_LEVEL) {
-        // Callbacks run at PASSIVE_LEVEL: a request forwarded under a spin lock is
-        // delivered from a framework thread instead.
+    if (kernel::current_irql() > PASSIVE_LEVEL && passive_callbacks()) {
+        // Callbacks run inline at the caller's IRQL unless the queue asked for
+        // PASSIVE_LEVEL: then a request forwarded under a spin lock is delivered from a
+        // framework thread instead.
         bool work;
         {
             sched::StateLock lock(s);
@@ -257,7 +261,7 @@ void Queue::present(const std::shared_ptr<Request>& request)
 
 void Queue::teardown()
 {
-    purge();
+    purge(false);
     auto& s = sched::current();
     std::vector<sched::Thread*> threads;
     {
@@ -271,19 +275,42 @@ void Queue::teardown()
     }
 }
 
-void Queue::purge()
+void Queue::purge(bool wait)
 {
-    std::deque<std::shared_ptr<Request>> held;
+    std::deque<std::shared_ptr<Request>> queued;
     {
         sched::StateLock lock(sched::current());
         accepting_ = false;
-        held.swap(pending_);
-        for (auto& r : held) {
+        queued.swap(pending_);
+        for (auto& r : queued) {
             r->place = Request::Place::Nowhere;
         }
     }
-    for (auto& r : held) {
+    for (auto& r : queued) {
         r->finish(STATUS_CANCELLED, 0);
+    }
+    // What the driver holds from the queue: a cancelable request is cancelled; the others
+    // are announced to EvtIoStop, which is never shown a cancelled request.
+    for (const auto& r : device_->held_from(this)) {
+        bool cancelable;
+        {
+            sched::StateLock lock(sched::current());
+            cancelable = r->cancel_routine != nullptr;
+        }
+        if (cancelable) {
+            r->cancel();
+        } else if (config_.EvtIoStop) {
+            call_driver("EvtIoStop", config_.EvtIoStop, wdf(), r->wdf(),
+                        static_cast<ULONG>(WdfRequestStopActionPurge));
+        }
+    }
+    std::size_t held = 0;
+    if (wait &&
+        !device_->wait_until_released(this, sched::current().now() + power_watchdog(), &held)) {
+        violation(Rule::RequestLeaked,
+                  device_->describe() + ": a queue purge waits for ever, the driver still holds " +
+                      std::to_string(held) + " request(s) from it and never completes them",
+                  reinterpret_cast<std::uintptr_t>(handle()), held);
     }
 }
 

@@ -120,8 +120,10 @@ class Queue final : public Object
     void set_running(bool running);
     // Delivers queued requests while the queue may present more.
     void deliver();
-    // Completes everything it holds with STATUS_CANCELLED and refuses new requests.
-    void purge();
+    // Refuses new requests, completes the queued ones with STATUS_CANCELLED, cancels those
+    // the driver holds as cancelable and, with `wait`, waits until the driver holds none
+    // from it (a driver that never lets go stops the run once the power watchdog expires).
+    void purge(bool wait);
     // A request it delivered is no longer with the driver.
     void presented_done();
     // Takes a queued request out for cancellation; false when it is not in this queue.

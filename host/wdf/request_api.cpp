@@ -49,6 +49,34 @@ Request* held_request(WDFREQUEST handle, const char* call)
     return request;
 }
 
+// The real framework's verifier checks at completion: the request must no longer be
+// cancelable, and it may not report more bytes than its buffer holds.
+void complete(WDFREQUEST handle, NTSTATUS status, const ULONG_PTR* information, const char* call)
+{
+    Request* request = held_request(handle, call);
+    bool cancelable;
+    ULONG_PTR told;
+    {
+        sched::StateLock lock(sched::current());
+        cancelable = request->cancel_routine != nullptr;
+        told = information ? *information : request->information;
+    }
+    if (cancelable) {
+        violation(Rule::CompletedCancelable,
+                  std::string(call) + " on a request still marked cancelable (unmark it first)",
+                  reinterpret_cast<std::uintptr_t>(handle));
+    }
+    const auto& b = request->buffers();
+    std::size_t room = request->major() == Major::Write ? b.input_length : b.output_length;
+    if (told > room) {
+        violation(Rule::InformationTooLarge,
+                  std::string(call) + " with Information " + std::to_string(told) +
+                      " larger than the request's buffer of " + std::to_string(room) + " bytes",
+                  reinterpret_cast<std::uintptr_t>(handle), told, room);
+    }
+    request->finish(status, told);
+}
+
 NTSTATUS memory_of(Request* request, bool input, WDFMEMORY* memory)
 {
     if (!memory) {
@@ -121,8 +149,8 @@ NTSTATUS WdfIoQueueCreate(WDFDEVICE Device, PWDF_IO_QUEUE_CONFIG Config,
     if (Config->DefaultQueue && device->default_queue()) {
         return STATUS_INVALID_DEVICE_STATE;
     }
-    bool power_managed =
-        Config->PowerManaged == WdfUseDefault ? !device->is_pdo() : Config->PowerManaged == WdfTrue;
+    // Power-managed unless the driver says otherwise, a child's queues included.
+    bool power_managed = Config->PowerManaged != WdfFalse;
     auto queue = std::make_shared<wdf::Queue>(device, *Config, power_managed);
     NTSTATUS status = Objects::attach(queue, QueueAttributes, device);
     if (!NT_SUCCESS(status)) {
@@ -155,7 +183,7 @@ NTSTATUS WdfIoQueueRetrieveNextRequest(WDFQUEUE Queue, WDFREQUEST* OutRequest)
 
 VOID WdfIoQueuePurgeSynchronously(WDFQUEUE Queue)
 {
-    queue_of(Queue, "WdfIoQueuePurgeSynchronously")->purge();
+    queue_of(Queue, "WdfIoQueuePurgeSynchronously")->purge(true);
 }
 
 NTSTATUS WdfRequestCreate(PWDF_OBJECT_ATTRIBUTES RequestAttributes, WDFIOTARGET IoTarget,
@@ -222,18 +250,12 @@ NTSTATUS WdfRequestRetrieveOutputBuffer(WDFREQUEST Request, size_t MinimumRequir
 
 VOID WdfRequestComplete(WDFREQUEST Request, NTSTATUS Status)
 {
-    wdf::Request* request = held_request(Request, "WdfRequestComplete");
-    ULONG_PTR information;
-    {
-        sched::StateLock lock(sched::current());
-        information = request->information;
-    }
-    request->finish(Status, information);
+    complete(Request, Status, nullptr, "WdfRequestComplete");
 }
 
 VOID WdfRequestCompleteWithInformation(WDFREQUEST Request, NTSTATUS Status, ULONG_PTR Information)
 {
-    held_request(Request, "WdfRequestCompleteWithInformation")->finish(Status, Information);
+    complete(Request, Status, &Information, "WdfRequestCompleteWithInformation");
 }
 
 VOID WdfRequestSetInformation(WDFREQUEST Request, ULONG_PTR Information)

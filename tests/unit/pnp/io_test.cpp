@@ -67,6 +67,8 @@ TEST_F(IoTest, ParallelDefaultQueueRunsTheCallbackOnTheSendingThreadAtPassiveLev
 TEST_F(IoTest, ManualQueueHoldsRequestsUntilRetrievedAndEmptyReportsNoMoreEntries)
 {
     EXPECT_EQ(handle_->ioctl(IOCTL_PROBE_RETRIEVE, {}, {}), STATUS_NO_MORE_ENTRIES);
+    EXPECT_EQ(handle_->ioctl(IOCTL_PROBE_RETRIEVE_RELAY, {}, {}), STATUS_INVALID_DEVICE_STATE)
+        << "a parallel queue has nothing to retrieve";
     auto parked = handle_->ioctl_async(IOCTL_PROBE_PARK, {}, 0);
     EXPECT_FALSE(parked->done()) << "a request in a manual queue waits there";
     EXPECT_EQ(handle_->ioctl(IOCTL_PROBE_RETRIEVE, {}, {}), STATUS_SUCCESS);

@@ -85,7 +85,7 @@ TEST_F(RequestTest, AcknowledgedStopLetsTheDeviceLeaveD0WithARequestInHand)
     EXPECT_EQ(device()->set_power(PowerDeviceD0), STATUS_SUCCESS);
     WdfRequestComplete(g_delivered[0], STATUS_SUCCESS);
     EXPECT_EQ(sent, STATUS_SUCCESS);
-    device()->remove(false);
+    device()->remove();
 }
 
 int g_running, g_most_running, g_done;
