@@ -7,13 +7,6 @@ namespace mvgps::pnp
 namespace
 {
 
-// Guarded by the scheduler's state lock.
-std::vector<DeviceStack*>& stacks()
-{
-    static std::vector<DeviceStack*> all;
-    return all;
-}
-
 class PnpOperation
 {
   public:
@@ -29,8 +22,6 @@ class PnpOperation
 DeviceStack::DeviceStack(NodeConfig config)
     : config_(std::move(config)), image_(config_.image, config_.service, config_.parameters)
 {
-    sched::StateLock lock(sched::current());
-    stacks().push_back(this);
 }
 
 DeviceStack::~DeviceStack()
@@ -45,8 +36,6 @@ DeviceStack::~DeviceStack()
     for (sched::Thread* t : threads) {
         s.join(t);
     }
-    sched::StateLock lock(s);
-    stacks().erase(std::remove(stacks().begin(), stacks().end(), this), stacks().end());
 }
 
 NTSTATUS DeviceStack::load()
@@ -212,25 +201,6 @@ bool DeviceStack::wait_for_children(std::size_t count, sched::Nanos deadline)
     sched::StateLock lock(s);
     return s.wait(children_changed_, "children to appear", deadline,
                   [&] { return started_children_ >= count; }) == sched::WaitResult::Ready;
-}
-
-std::vector<wdf::Device*> DeviceStack::all_devices()
-{
-    std::vector<DeviceStack*> copy;
-    {
-        sched::StateLock lock(sched::current());
-        copy = stacks();
-    }
-    std::vector<wdf::Device*> out;
-    for (DeviceStack* stack : copy) {
-        if (wdf::Device* device = stack->fdo()) {
-            out.push_back(device);
-            for (wdf::Device* child : stack->children()) {
-                out.push_back(child);
-            }
-        }
-    }
-    return out;
 }
 
 } // namespace mvgps::pnp

@@ -59,9 +59,6 @@ class DeviceStack
     DriverImage& image() { return image_; }
     const NodeConfig& config() const { return config_; }
 
-    // Every device of every stack (clients look their targets up here).
-    static std::vector<wdf::Device*> all_devices();
-
   private:
     void enumerate();
 

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "io/names.h"
 #include "kernel/kernel.h"
 #include "wdf/driver.h"
 #include "wdf/request.h"
@@ -35,6 +36,55 @@ std::string name_of(const Device* device)
     std::snprintf(text, sizeof text, "%s %p", device->is_pdo() ? "PDO" : "FDO", device->handle());
     return text;
 }
+
+// An open handle to a framework device: what it sends goes to the device's default queue.
+// It keeps the device's record readable after the device is removed, and its requests then
+// fail as they would on Windows.
+class DeviceFile final : public io::File
+{
+  public:
+    explicit DeviceFile(std::shared_ptr<Object> device) : device_(std::move(device)) {}
+
+    void dispatch(std::shared_ptr<io::Request> irp) override
+    {
+        auto* device = static_cast<Device*>(device_.get());
+        auto state = device->pnp_state();
+        if (state == Device::Pnp::Removed || state == Device::Pnp::Added) {
+            irp->complete(STATUS_DELETE_PENDING, 0);
+            return;
+        }
+        auto request = Request::incoming(device, irp);
+        if (!request) {
+            irp->complete(STATUS_INSUFFICIENT_RESOURCES, 0);
+            return;
+        }
+        device->dispatch(request);
+    }
+
+  private:
+    std::shared_ptr<Object> device_;
+};
+
+// A device as the object namespace knows it (under each of its interface links).
+class DeviceNode final : public io::Device
+{
+  public:
+    explicit DeviceNode(std::weak_ptr<Object> device) : device_(std::move(device)) {}
+
+    NTSTATUS open(const io::OpenParams&, std::unique_ptr<io::File>& file) override
+    {
+        auto device = device_.lock();
+        if (!device ||
+            static_cast<wdf::Device*>(device.get())->pnp_state() != wdf::Device::Pnp::Started) {
+            return STATUS_NO_SUCH_DEVICE;
+        }
+        file = std::make_unique<DeviceFile>(std::move(device));
+        return STATUS_SUCCESS;
+    }
+
+  private:
+    std::weak_ptr<Object> device_;
+};
 
 } // namespace
 
@@ -266,14 +316,31 @@ std::string Device::describe() const
     return name_of(this);
 }
 
+std::shared_ptr<io::Device> Device::node()
+{
+    std::shared_ptr<io::Device> made = std::make_shared<DeviceNode>(weak_from_this());
+    sched::StateLock lock(sched::current());
+    if (!node_) {
+        node_ = std::move(made);
+    }
+    return node_;
+}
+
 void Device::register_interfaces(bool on)
 {
     for (const auto& i : interfaces()) {
-        if (on) {
-            kernel::register_interface(i.guid, i.link);
-        } else {
-            kernel::unregister_interface(i.guid, i.link);
-        }
+        publish(i, on);
+    }
+}
+
+void Device::publish(const Interface& i, bool on)
+{
+    if (on) {
+        io::bind(i.link, node());
+        kernel::register_interface(i.guid, i.link);
+    } else {
+        kernel::unregister_interface(i.guid, i.link);
+        io::unbind(i.link);
     }
 }
 
@@ -314,7 +381,7 @@ NTSTATUS Device::add_interface(const GUID& guid, PCUNICODE_STRING reference)
         started = pnp_ == Pnp::Started;
     }
     if (started) {
-        kernel::register_interface(entry.guid, entry.link);
+        publish(entry, true);
     }
     return STATUS_SUCCESS;
 }

@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "io/names.h"
 #include "sched/sched.h"
 #include "wdf/host_mutex.h"
 #include "wdf/object.h"
@@ -120,6 +121,8 @@ class Device final : public Object
         std::u16string link;
     };
     std::vector<Interface> interfaces() const;
+    // The device in the object namespace: opening it gives a client's handle.
+    std::shared_ptr<io::Device> node();
     ChildList* child_list() const { return child_list_; }
     Queue* default_queue() const;
     // Gives an incoming request to the default queue; fails it when there is none.
@@ -169,6 +172,7 @@ class Device final : public Object
     void set_queues_running(bool running);
     std::vector<Queue*> queues();
     void register_interfaces(bool on);
+    void publish(const Interface& i, bool on);
     WDFDEVICE wdf() const { return static_cast<WDFDEVICE>(handle()); }
 
     WDFDEVICE_INIT init_;
@@ -189,6 +193,7 @@ class Device final : public Object
     WDF_DEVICE_POWER_CAPABILITIES power_caps_{};
     std::optional<WDF_DEVICE_POWER_POLICY_IDLE_SETTINGS> idle_settings_;
     std::set<Request*> owned_;
+    std::shared_ptr<io::Device> node_;
     sched::WaitList drained_;
     HostMutex work_lock_{"device work item"};
 };

@@ -22,17 +22,44 @@ Memory::~Memory()
     }
 }
 
-std::shared_ptr<Request> Request::incoming(Device* device, Major major, ULONG code, Buffers buffers,
-                                           Completion completion)
+Request::Request()
+    : Object(Kind::Request), irp_(io::Request::make(io::Major::DeviceControl, 0, {}, {})),
+      created_by_driver_(true)
 {
-    auto request = std::make_shared<Request>(major, code, buffers, std::move(completion));
-    NTSTATUS status = Objects::attach(request, nullptr, device);
-    return NT_SUCCESS(status) ? request : nullptr;
+    irp_->reuse(STATUS_SUCCESS);
+}
+
+std::shared_ptr<Request> Request::incoming(Device* device, std::shared_ptr<io::Request> irp)
+{
+    auto request = std::make_shared<Request>(irp);
+    if (!NT_SUCCESS(Objects::attach(request, nullptr, device))) {
+        return nullptr;
+    }
+    std::weak_ptr<Object> weak = request;
+    irp->set_cancel_routine([weak](io::Request&) {
+        if (auto held = weak.lock()) {
+            static_cast<Request*>(held.get())->cancel();
+        }
+    });
+    return request;
+}
+
+std::shared_ptr<io::Request> Request::irp() const
+{
+    sched::StateLock lock(sched::current());
+    return irp_;
+}
+
+void Request::set_irp(std::shared_ptr<io::Request> irp)
+{
+    sched::StateLock lock(sched::current());
+    irp_ = std::move(irp);
 }
 
 void Request::finish(NTSTATUS final_status, ULONG_PTR final_information)
 {
     Queue* presenter = nullptr;
+    std::shared_ptr<io::Request> irp;
     {
         sched::StateLock lock(sched::current());
         if (place == Place::Driver && owner_device) {
@@ -43,16 +70,13 @@ void Request::finish(NTSTATUS final_status, ULONG_PTR final_information)
         }
         presented_by = nullptr;
         place = Place::Completed;
-        status = final_status;
-        information = final_information;
         cancel_routine = nullptr;
+        irp = irp_;
     }
     if (presenter) {
         presenter->presented_done();
     }
-    if (completion_) {
-        completion_(final_status, final_information);
-    }
+    irp->complete(final_status, final_information);
     Objects::remove(this, "completed");
 }
 
@@ -229,25 +253,25 @@ void Queue::deliver()
 void Queue::present(const std::shared_ptr<Request>& request)
 {
     const auto& c = config_;
-    const auto& b = request->buffers();
+    auto irp = request->irp();
     WDFREQUEST r = request->wdf();
-    switch (request->major()) {
-    case Major::DeviceControl:
+    switch (irp->major()) {
+    case io::Major::DeviceControl:
         if (c.EvtIoDeviceControl) {
-            call_driver("EvtIoDeviceControl", c.EvtIoDeviceControl, wdf(), r, b.output_length,
-                        b.input_length, request->code());
+            call_driver("EvtIoDeviceControl", c.EvtIoDeviceControl, wdf(), r, irp->output().size(),
+                        irp->input().size(), irp->control_code());
             return;
         }
         break;
-    case Major::Read:
+    case io::Major::Read:
         if (c.EvtIoRead) {
-            call_driver("EvtIoRead", c.EvtIoRead, wdf(), r, b.output_length);
+            call_driver("EvtIoRead", c.EvtIoRead, wdf(), r, irp->output().size());
             return;
         }
         break;
-    case Major::Write:
+    case io::Major::Write:
         if (c.EvtIoWrite) {
-            call_driver("EvtIoWrite", c.EvtIoWrite, wdf(), r, b.input_length);
+            call_driver("EvtIoWrite", c.EvtIoWrite, wdf(), r, irp->input().size());
             return;
         }
         break;

@@ -51,23 +51,25 @@ Request* held_request(WDFREQUEST handle, const char* call)
 
 // The real framework's verifier checks at completion: the request must no longer be
 // cancelable, and it may not report more bytes than its buffer holds.
+// The real framework's verifier checks at completion: the request must no longer be
+// cancelable, and it may not report more bytes than its buffer holds.
 void complete(WDFREQUEST handle, NTSTATUS status, const ULONG_PTR* information, const char* call)
 {
     Request* request = held_request(handle, call);
     bool cancelable;
-    ULONG_PTR told;
     {
         sched::StateLock lock(sched::current());
         cancelable = request->cancel_routine != nullptr;
-        told = information ? *information : request->information;
     }
     if (cancelable) {
         violation(Rule::CompletedCancelable,
                   std::string(call) + " on a request still marked cancelable (unmark it first)",
                   reinterpret_cast<std::uintptr_t>(handle));
     }
-    const auto& b = request->buffers();
-    std::size_t room = request->major() == Major::Write ? b.input_length : b.output_length;
+    auto irp = request->irp();
+    ULONG_PTR told = information ? *information : irp->information();
+    std::size_t room =
+        irp->major() == io::Major::Write ? irp->input().size() : irp->output().size();
     if (told > room) {
         violation(Rule::InformationTooLarge,
                   std::string(call) + " with Information " + std::to_string(told) +
@@ -83,22 +85,19 @@ NTSTATUS memory_of(Request* request, bool input, WDFMEMORY* memory)
         return STATUS_INVALID_PARAMETER;
     }
     *memory = nullptr;
-    const auto& b = request->buffers();
-    if (request->created_by_driver() || b.user_buffers) {
+    auto irp = request->irp();
+    if (request->created_by_driver() || irp->user_buffers() ||
+        (input && irp->major() == io::Major::Read) ||
+        (!input && irp->major() == io::Major::Write)) {
         return STATUS_INVALID_DEVICE_REQUEST;
     }
-    if ((input && request->major() == Major::Read) ||
-        (!input && request->major() == Major::Write)) {
-        return STATUS_INVALID_DEVICE_REQUEST;
-    }
-    void* buffer = input ? b.input : b.output;
-    std::size_t length = input ? b.input_length : b.output_length;
-    if (!buffer || length == 0) {
+    std::span<std::uint8_t> buffer = input ? irp->input() : irp->output();
+    if (buffer.empty()) {
         return STATUS_BUFFER_TOO_SMALL;
     }
     Memory*& cached = input ? request->input_memory : request->output_memory;
     if (!cached) {
-        auto view = std::make_shared<Memory>(buffer, length);
+        auto view = std::make_shared<Memory>(buffer.data(), buffer.size());
         NTSTATUS status = Objects::attach(view, nullptr, request);
         if (!NT_SUCCESS(status)) {
             return status;
@@ -116,16 +115,15 @@ NTSTATUS buffer_of(Request* request, bool input, size_t minimum, PVOID* buffer, 
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    const auto& b = request->buffers();
-    std::size_t size = input ? b.input_length : b.output_length;
-    if (size < minimum) {
+    auto* view = Objects::get<Memory>(memory, Kind::Memory, "request buffer");
+    if (view->size() < minimum) {
         return STATUS_BUFFER_TOO_SMALL;
     }
     if (buffer) {
-        *buffer = input ? b.input : b.output;
+        *buffer = view->buffer();
     }
     if (length) {
-        *length = size;
+        *length = view->size();
     }
     return STATUS_SUCCESS;
 }
@@ -214,13 +212,14 @@ NTSTATUS WdfRequestReuse(WDFREQUEST Request, PWDF_REQUEST_REUSE_PARAMS ReusePara
     if (!request->created_by_driver()) {
         return STATUS_INVALID_DEVICE_REQUEST;
     }
-    sched::StateLock lock(sched::current());
-    if (request->sending) {
-        return STATUS_INVALID_DEVICE_STATE;
+    {
+        sched::StateLock lock(sched::current());
+        if (request->sending) {
+            return STATUS_INVALID_DEVICE_STATE;
+        }
+        request->cancelled = false;
     }
-    request->status = ReuseParams->Status;
-    request->information = 0;
-    request->cancelled = false;
+    request->irp()->reuse(ReuseParams->Status);
     return STATUS_SUCCESS;
 }
 
@@ -260,23 +259,17 @@ VOID WdfRequestCompleteWithInformation(WDFREQUEST Request, NTSTATUS Status, ULON
 
 VOID WdfRequestSetInformation(WDFREQUEST Request, ULONG_PTR Information)
 {
-    wdf::Request* request = request_of(Request, "WdfRequestSetInformation");
-    sched::StateLock lock(sched::current());
-    request->information = Information;
+    request_of(Request, "WdfRequestSetInformation")->irp()->set_information(Information);
 }
 
 ULONG_PTR WdfRequestGetInformation(WDFREQUEST Request)
 {
-    wdf::Request* request = request_of(Request, "WdfRequestGetInformation");
-    sched::StateLock lock(sched::current());
-    return request->information;
+    return request_of(Request, "WdfRequestGetInformation")->irp()->information();
 }
 
 NTSTATUS WdfRequestGetStatus(WDFREQUEST Request)
 {
-    wdf::Request* request = request_of(Request, "WdfRequestGetStatus");
-    sched::StateLock lock(sched::current());
-    return request->status;
+    return request_of(Request, "WdfRequestGetStatus")->irp()->status();
 }
 
 WDFQUEUE WdfRequestGetIoQueue(WDFREQUEST Request)

@@ -5,7 +5,7 @@
 
 #include "fixture.h"
 #include "wdf/faults.h"
-#include "wdf/lower_device.h"
+#include "io/names.h"
 
 namespace mvgps::wdf::test
 {
@@ -13,23 +13,23 @@ namespace
 {
 
 // A lower device whose behaviour each test scripts; `opens` counts its files still open.
-struct FakeDevice : io::LowerDevice {
-    struct File : io::LowerFile {
+struct FakeDevice : io::Device {
+    struct File : io::File {
         explicit File(FakeDevice& d) : device(d) { device.opens++; }
         ~File() override { device.opens--; }
-        void dispatch(std::shared_ptr<io::IoRequest> r) override
+        void dispatch(std::shared_ptr<io::Request> r) override
         {
             device.dispatched++;
             device.serve(std::move(r));
         }
         FakeDevice& device;
     };
-    NTSTATUS open(const io::OpenParams&, std::unique_ptr<io::LowerFile>& file) override
+    NTSTATUS open(const io::OpenParams&, std::unique_ptr<io::File>& file) override
     {
         file = std::make_unique<File>(*this);
         return STATUS_SUCCESS;
     }
-    std::function<void(std::shared_ptr<io::IoRequest>)> serve;
+    std::function<void(std::shared_ptr<io::Request>)> serve;
     int opens = 0;
     int dispatched = 0;
 };
@@ -63,8 +63,8 @@ class IoTargetTest : public FrameworkTest
     void complete_after(sched::Nanos delay, std::size_t bytes,
                         NTSTATUS on_cancel = STATUS_CANCELLED)
     {
-        device_->serve = [=, this](std::shared_ptr<io::IoRequest> r) {
-            r->set_cancel_routine([=](io::IoRequest& req) { req.complete(on_cancel, 3); });
+        device_->serve = [=, this](std::shared_ptr<io::Request> r) {
+            r->set_cancel_routine([=](io::Request& req) { req.complete(on_cancel, 3); });
             workers_.push_back(sched::current().spawn("device", [r, delay, bytes] {
                 // Cancelling completes the request, which ends this wait early.
                 if (!r->wait(sched::current().now() + delay) && r->clear_cancel_routine()) {
@@ -174,7 +174,7 @@ TEST_F(IoTargetTest, StopCancelsWhatIsInFlightAndHoldsSendsUntilStartOrTimeout)
 TEST_F(IoTargetTest, InjectedFaultsFailSendsWithoutReachingTheDevice)
 {
     ASSERT_EQ(open(), STATUS_SUCCESS);
-    device_->serve = [](std::shared_ptr<io::IoRequest> r) { r->complete(STATUS_SUCCESS, 0); };
+    device_->serve = [](std::shared_ptr<io::Request> r) { r->complete(STATUS_SUCCESS, 0); };
     faults::add(faults::fail_control(IOCTL_SERIAL_SET_BAUD_RATE));
     faults::add(faults::fail_nth_send(2, faults::Op::Read, STATUS_DEVICE_NOT_READY));
     ULONG rate = 9600;

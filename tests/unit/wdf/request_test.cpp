@@ -8,29 +8,12 @@ namespace mvgps::wdf::test
 namespace
 {
 
-// The in-process "driver" keeps every request it is given, and acknowledges every stop.
-std::vector<WDFREQUEST> g_delivered;
-std::vector<ULONG> g_stop_actions;
-
-VOID OnDeviceControl(WDFQUEUE, WDFREQUEST request, size_t, size_t, ULONG)
-{
-    g_delivered.push_back(request);
-}
-
-VOID AcknowledgeStop(WDFQUEUE, WDFREQUEST request, ULONG action)
-{
-    g_stop_actions.push_back(action);
-    WdfRequestStopAcknowledge(request, FALSE);
-}
-
 class RequestTest : public FrameworkTest
 {
   protected:
     void SetUp() override
     {
         FrameworkTest::SetUp();
-        g_delivered.clear();
-        g_stop_actions.clear();
         device_ = make_device();
     }
 
@@ -61,31 +44,6 @@ TEST_F(RequestTest, DriverRequestsAreReusedAndMemoryCopiesStayInBounds)
     EXPECT_EQ(local[15], 4);
     EXPECT_EQ(WdfMemoryCopyFromBuffer(memory, 13, bytes, 4), STATUS_BUFFER_TOO_SMALL);
     EXPECT_EQ(WdfMemoryCopyToBuffer(memory, SIZE_MAX, bytes, 1), STATUS_BUFFER_TOO_SMALL);
-}
-
-TEST_F(RequestTest, AcknowledgedStopLetsTheDeviceLeaveD0WithARequestInHand)
-{
-    WDF_IO_QUEUE_CONFIG config;
-    WDF_IO_QUEUE_CONFIG_INIT_DEFAULT_QUEUE(&config, WdfIoQueueDispatchParallel);
-    config.EvtIoDeviceControl = OnDeviceControl;
-    config.EvtIoStop = AcknowledgeStop;
-    ASSERT_EQ(WdfIoQueueCreate(device_, &config, WDF_NO_OBJECT_ATTRIBUTES, nullptr),
-              STATUS_SUCCESS);
-    ASSERT_EQ(device()->start({}), STATUS_SUCCESS);
-    NTSTATUS sent = STATUS_PENDING;
-    device()->dispatch(Request::incoming(device(), Major::DeviceControl, 0, {},
-                                         [&sent](NTSTATUS status, ULONG_PTR) { sent = status; }));
-    ASSERT_EQ(g_delivered.size(), 1u);
-
-    auto& s = sched::current();
-    sched::Nanos before = s.now();
-    EXPECT_EQ(device()->set_power(PowerDeviceD3), STATUS_SUCCESS);
-    EXPECT_EQ(s.now(), before) << "no wait for the acknowledged request";
-    EXPECT_EQ(g_stop_actions, std::vector<ULONG>{WdfRequestStopActionSuspend});
-    EXPECT_EQ(device()->set_power(PowerDeviceD0), STATUS_SUCCESS);
-    WdfRequestComplete(g_delivered[0], STATUS_SUCCESS);
-    EXPECT_EQ(sent, STATUS_SUCCESS);
-    device()->remove();
 }
 
 int g_running, g_most_running, g_done;
