@@ -95,6 +95,15 @@ NTSTATUS query_remove(std::u16string_view name)
     return STATUS_SUCCESS;
 }
 
+void cancel_remove(std::u16string_view name)
+{
+    if (auto device = lookup(name)) {
+        for (const auto& l : listeners_of(device.get())) {
+            l->remove_cancelled();
+        }
+    }
+}
+
 void remove(std::u16string_view name)
 {
     auto device = lookup(name);

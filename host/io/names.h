@@ -69,6 +69,8 @@ void listen(const Device* device, std::weak_ptr<RemovalListener> listener);
 // Asks every listener of the device bound to `name`; on a veto the ones already asked
 // hear that the removal was cancelled, and the veto's status is returned.
 NTSTATUS query_remove(std::u16string_view name);
+// The removal that every listener agreed to does not happen after all.
+void cancel_remove(std::u16string_view name);
 // Removes the device bound to `name` (after a query, or by surprise): every listener hears
 // remove-complete, then all of the device's names are unbound.
 void remove(std::u16string_view name);
