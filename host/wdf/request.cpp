@@ -56,21 +56,35 @@ void Request::set_irp(std::shared_ptr<io::Request> irp)
     irp_ = std::move(irp);
 }
 
+Queue* Request::move_to(Place to, Queue* holder, Queue* presenter)
+{
+    NT_ASSERT(place != Place::Completed);
+    Queue* was_presented_by = nullptr;
+    if (place == Place::Driver) {
+        if (owner_device) {
+            owner_device->release_ownership(this);
+        }
+        was_presented_by = presented_by;
+    }
+    place = to;
+    presented_by = presenter;
+    cancel_routine = nullptr;
+    if (holder) {
+        queue = holder;
+    }
+    if (to == Place::Driver) {
+        queue->owner()->take_ownership(this);
+    }
+    return was_presented_by;
+}
+
 void Request::finish(NTSTATUS final_status, ULONG_PTR final_information)
 {
     Queue* presenter = nullptr;
     std::shared_ptr<io::Request> irp;
     {
         sched::StateLock lock(sched::current());
-        if (place == Place::Driver && owner_device) {
-            owner_device->release_ownership(this);
-        }
-        if (place == Place::Driver) {
-            presenter = presented_by;
-        }
-        presented_by = nullptr;
-        place = Place::Completed;
-        cancel_routine = nullptr;
+        presenter = move_to(Place::Completed, nullptr, nullptr);
         irp = irp_;
     }
     if (presenter) {
@@ -102,8 +116,7 @@ void Request::cancel()
         if (on_queue) {
             {
                 sched::StateLock lock(sched::current());
-                place = Place::Driver;
-                holder->owner()->take_ownership(this);
+                move_to(Place::Driver, holder, nullptr);
             }
             call_driver("EvtIoCanceledOnQueue", on_queue, holder->wdf(), wdf());
         } else {
@@ -140,16 +153,7 @@ NTSTATUS Queue::enqueue(const std::shared_ptr<Request>& request)
         if (!accepting_) {
             return STATUS_INVALID_DEVICE_STATE;
         }
-        if (request->place == Request::Place::Driver) {
-            if (request->owner_device) {
-                request->owner_device->release_ownership(request.get());
-            }
-            presenter = request->presented_by;
-        }
-        request->presented_by = nullptr;
-        request->place = Request::Place::Queued;
-        request->queue = this;
-        request->cancel_routine = nullptr;
+        presenter = request->move_to(Request::Place::Queued, this, nullptr);
         pending_.push_back(request);
     }
     if (presenter) {
@@ -173,8 +177,7 @@ NTSTATUS Queue::retrieve(WDFREQUEST* out)
     }
     std::shared_ptr<Request> request = pending_.front();
     pending_.pop_front();
-    request->place = Request::Place::Driver;
-    device_->take_ownership(request.get());
+    request->move_to(Request::Place::Driver, this, nullptr);
     *out = request->wdf();
     return STATUS_SUCCESS;
 }
@@ -188,7 +191,7 @@ bool Queue::take(Request* request)
         return false;
     }
     pending_.erase(it);
-    request->place = Request::Place::Nowhere;
+    request->move_to(Request::Place::Nowhere, nullptr, nullptr);
     return true;
 }
 
@@ -242,9 +245,7 @@ void Queue::deliver()
             request = pending_.front();
             pending_.pop_front();
             presented_++;
-            request->place = Request::Place::Driver;
-            request->presented_by = this;
-            device_->take_ownership(request.get());
+            request->move_to(Request::Place::Driver, this, this);
         }
         present(request);
     }
@@ -307,7 +308,7 @@ void Queue::purge(bool wait)
         accepting_ = false;
         queued.swap(pending_);
         for (auto& r : queued) {
-            r->place = Request::Place::Nowhere;
+            r->move_to(Request::Place::Nowhere, nullptr, nullptr);
         }
     }
     for (auto& r : queued) {

@@ -75,6 +75,11 @@ class Request final : public Object
     Memory* input_memory = nullptr;
     Memory* output_memory = nullptr;
 
+    // The one place where the framework moves a request, with the state lock held. Leaving
+    // the driver ends the device's ownership and returns the queue that had presented it
+    // (the caller tells that queue, without the lock); entering the driver gives it to the
+    // device of its queue (`holder`, when it changes). Any move drops its cancel routine.
+    Queue* move_to(Place to, Queue* holder, Queue* presenter);
     // Completes it (the caller checked ownership) and deletes the object.
     void finish(NTSTATUS status, ULONG_PTR information);
     bool driver_may_delete() const override { return created_by_driver_; }
