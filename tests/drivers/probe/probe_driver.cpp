@@ -174,9 +174,17 @@ static NTSTATUS ProbePrepareHardware(WDFDEVICE, WDFCMRESLIST, WDFCMRESLIST)
     return g_Fail == PROBE_FAIL_PREPARE_HARDWARE ? STATUS_DEVICE_NOT_READY : STATUS_SUCCESS;
 }
 
+// Logs whether the probe's interface is still enabled: the framework disables it only after.
 static NTSTATUS ProbeReleaseHardware(WDFDEVICE, WDFCMRESLIST)
 {
-    LOG("ReleaseHardware\n");
+    PZZWSTR links = NULL;
+    BOOLEAN enabled = FALSE;
+
+    if (NT_SUCCESS(IoGetDeviceInterfaces(&GUID_DEVINTERFACE_PROBE, NULL, 0, &links))) {
+        enabled = links[0] != 0;
+        ExFreePool(links);
+    }
+    LOG("ReleaseHardware%s\n", enabled ? "(interface enabled)" : "");
     return STATUS_SUCCESS;
 }
 

@@ -53,8 +53,10 @@ class LifecycleTest : public ProbeTest
 
 const Events kStarted{"DriverEntry", "DeviceAdd", "PrepareHardware", "D0Entry(D9)",
                       "SelfManagedIoInit"};
-const Events kRemovedInD0{"SelfManagedIoSuspend", "D0Exit(D9)",           "ReleaseHardware",
-                          "SelfManagedIoFlush",   "SelfManagedIoCleanup", "DriverCleanup"};
+// The interface goes only after the hardware is released.
+const Events kRemovedInD0{
+    "SelfManagedIoSuspend", "D0Exit(D9)",           "ReleaseHardware(interface enabled)",
+    "SelfManagedIoFlush",   "SelfManagedIoCleanup", "DriverCleanup"};
 
 TEST_F(LifecycleTest, CallbacksComeInTheFrameworksOrder)
 {
@@ -75,17 +77,18 @@ TEST_F(LifecycleTest, CallbacksComeInTheFrameworksOrder)
     // and not shown to EvtIoStop a second time.
     const Step unload_holding{[](LifecycleTest& t) { t.stack_->unload(); },
                               {"SelfManagedIoSuspend", "IoStop(0x10000001)", "D0Exit(D9)",
-                               "ReleaseHardware", "RequestCancel", "SelfManagedIoFlush",
-                               "SelfManagedIoCleanup", "DriverCleanup"}};
+                               "ReleaseHardware(interface enabled)", "RequestCancel",
+                               "SelfManagedIoFlush", "SelfManagedIoCleanup", "DriverCleanup"}};
     const Step unload{[](LifecycleTest& t) { t.stack_->unload(); }, kRemovedInD0};
-    const Step remove_asleep{[](LifecycleTest& t) { t.stack_->remove(); },
-                             {"ReleaseHardware", "SelfManagedIoFlush", "SelfManagedIoCleanup"}};
+    const Step remove_asleep{
+        [](LifecycleTest& t) { t.stack_->remove(); },
+        {"ReleaseHardware(interface enabled)", "SelfManagedIoFlush", "SelfManagedIoCleanup"}};
     const Step surprise{[](LifecycleTest& t) {
                             t.handle_ = open();
                             t.stack_->surprise_remove();
                         },
-                        {"SurpriseRemoval", "SelfManagedIoSuspend", "D0Exit(D9)", "ReleaseHardware",
-                         "SelfManagedIoFlush"}};
+                        {"SurpriseRemoval", "SelfManagedIoSuspend", "D0Exit(D9)",
+                         "ReleaseHardware(interface enabled)", "SelfManagedIoFlush"}};
     // Between the two events a queue that is not power-managed still reaches the driver.
     const Step send_after_surprise{[](LifecycleTest& t) { EXPECT_EQ(t.echo(), STATUS_SUCCESS); },
                                    {}};
@@ -94,8 +97,9 @@ TEST_F(LifecycleTest, CallbacksComeInTheFrameworksOrder)
     const Step remove_after_surprise{[](LifecycleTest& t) { t.stack_->remove(); },
                                      {"SelfManagedIoCleanup"}};
     const Step disable{[](LifecycleTest& t) { EXPECT_EQ(t.stack_->disable(), STATUS_SUCCESS); },
-                       {"QueryRemove", "SelfManagedIoSuspend", "D0Exit(D9)", "ReleaseHardware",
-                        "SelfManagedIoFlush", "SelfManagedIoCleanup", "DriverCleanup"}};
+                       {"QueryRemove", "SelfManagedIoSuspend", "D0Exit(D9)",
+                        "ReleaseHardware(interface enabled)", "SelfManagedIoFlush",
+                        "SelfManagedIoCleanup", "DriverCleanup"}};
     const Step disable_vetoed{[](LifecycleTest& t) {
                                   EXPECT_EQ(t.stack_->disable(), STATUS_UNSUCCESSFUL);
                                   t.handle_ = open();
@@ -138,12 +142,13 @@ TEST_F(LifecycleTest, FailuresAreFollowedByTheFrameworksTeardown)
 {
     const Step sleep{[](LifecycleTest& t) { EXPECT_EQ(t.stack_->sleep(), STATUS_SUCCESS); },
                      {"SelfManagedIoSuspend", "D0Exit(D3)"}};
-    const Step failed_wake{
-        [](LifecycleTest& t) {
-            EXPECT_EQ(t.stack_->wake(), STATUS_DEVICE_NOT_READY);
-            EXPECT_EQ(t.stack_->fdo(), nullptr) << "the failed device is removed";
-        },
-        {"D0Entry(D3)", "ReleaseHardware", "SelfManagedIoFlush", "SelfManagedIoCleanup"}};
+    const Step failed_wake{[](LifecycleTest& t) {
+                               EXPECT_EQ(t.stack_->wake(), STATUS_DEVICE_NOT_READY);
+                               EXPECT_EQ(t.stack_->fdo(), nullptr)
+                                   << "the failed device is removed";
+                           },
+                           {"D0Entry(D3)", "ReleaseHardware(interface enabled)",
+                            "SelfManagedIoFlush", "SelfManagedIoCleanup"}};
     const Scenario scenarios[] = {
         {"PrepareHardware fails",
          {{u"Fail", PROBE_FAIL_PREPARE_HARDWARE}},
