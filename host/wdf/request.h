@@ -111,7 +111,8 @@ class Queue final : public Object
     void deliver();
     // Refuses new requests, completes the queued ones with STATUS_CANCELLED, cancels those
     // the driver holds as cancelable and, with `wait`, waits until the driver holds none
-    // from it (a driver that never lets go stops the run once the power watchdog expires).
+    // from it. Stricter than Windows, where such a purge hangs for ever: a driver that never
+    // lets go stops the run once the power watchdog expires.
     void purge(bool wait);
     // A request it delivered is no longer with the driver.
     void presented_done();

@@ -50,9 +50,13 @@ Request* held_request(WDFREQUEST handle, const char* call)
 }
 
 // The real framework's verifier checks at completion: the request must no longer be
-// cancelable, and it may not report more bytes than its buffer holds.
+// cancelable, and it may not report more bytes than its buffer holds (whatever the status).
+// Stricter than Windows: a cancelable completion there only breaks into an attached
+// debugger; here it stops the run like the other.
 // The real framework's verifier checks at completion: the request must no longer be
-// cancelable, and it may not report more bytes than its buffer holds.
+// cancelable, and it may not report more bytes than its buffer holds (whatever the status).
+// Stricter than Windows: a cancelable completion there only breaks into an attached
+// debugger; here it stops the run like the other.
 void complete(WDFREQUEST handle, NTSTATUS status, const ULONG_PTR* information, const char* call)
 {
     Request* request = held_request(handle, call);
