@@ -318,10 +318,9 @@ std::string Device::describe() const
 
 std::shared_ptr<io::Device> Device::node()
 {
-    std::shared_ptr<io::Device> made = std::make_shared<DeviceNode>(weak_from_this());
     sched::StateLock lock(sched::current());
     if (!node_) {
-        node_ = std::move(made);
+        node_ = std::make_shared<DeviceNode>(weak_from_this());
     }
     return node_;
 }
