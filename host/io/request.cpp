@@ -87,8 +87,7 @@ bool Request::complete(NTSTATUS status, std::size_t information)
             return false;
         }
         if (!system_.empty()) {
-            std::copy_n(system_.begin(), std::min(information, caller_output_.size()),
-                        caller_output_.begin());
+            std::copy_n(system_.begin(), information, caller_output_.begin());
         }
         done_ = true;
         status_ = status;

@@ -477,8 +477,8 @@ NTSTATUS Device::enter_d0(WDF_POWER_DEVICE_STATE previous)
         call_driver("EvtDeviceD0EntryPostInterruptsEnabled",
                     cb.EvtDeviceD0EntryPostInterruptsEnabled, wdf(), previous);
     }
-    set_queues_running(true);
     resume_stopped_requests();
+    set_queues_running(true);
     return STATUS_SUCCESS;
 }
 
