@@ -72,7 +72,12 @@ void listen(const Device* device, std::weak_ptr<RemovalListener> listener)
 {
     std::lock_guard lock(space().lock);
     auto& all = space().listeners;
-    std::erase_if(all, [](const auto& entry) { return entry.second.expired(); });
+    // A listener that opens the device again (after a cancelled removal) is told once.
+    auto same = listener.lock();
+    std::erase_if(all, [&](const auto& entry) {
+        auto l = entry.second.lock();
+        return !l || (entry.first == device && l == same);
+    });
     all.emplace(device, std::move(listener));
 }
 

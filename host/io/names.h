@@ -64,7 +64,8 @@ std::shared_ptr<Device> lookup(std::u16string_view name);
 // Opens a bound device: STATUS_OBJECT_NAME_NOT_FOUND when nothing is bound to the name.
 NTSTATUS open(std::u16string_view name, const OpenParams& params, std::unique_ptr<File>& file);
 
-// Listeners are held weakly: one that is gone is no longer told.
+// Listeners are held weakly: one that is gone is no longer told. Listening twice on one
+// device is listening once.
 void listen(const Device* device, std::weak_ptr<RemovalListener> listener);
 // Asks every listener of the device bound to `name`; on a veto the ones already asked
 // hear that the removal was cancelled, and the veto's status is returned.
