@@ -80,7 +80,6 @@ bool Request::complete(NTSTATUS status, std::size_t information)
     // driver that claims more, so there is nothing to clamp here.
     NT_ASSERT(information <= (major_ == Major::Write ? input_.size() : output_.size()));
     auto& s = sched::current();
-    Routine done;
     {
         sched::StateLock lock(s);
         if (done_) {
@@ -93,11 +92,7 @@ bool Request::complete(NTSTATUS status, std::size_t information)
         status_ = status;
         information_ = information;
         cancel_routine_ = nullptr;
-        done = std::move(on_completion_);
         s.wake(waiters_);
-    }
-    if (done) {
-        done(*this);
     }
     s.point("I/O completion");
     return true;

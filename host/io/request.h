@@ -67,9 +67,6 @@ class Request
     bool complete(NTSTATUS status, std::size_t information);
 
     // ---- Sending side ---------------------------------------------------------------------
-    // Runs after completion on the completing thread, without host locks held. Set it
-    // before the request is dispatched.
-    void on_completion(Routine routine) { on_completion_ = std::move(routine); }
     // Asks whoever serves it to stop early. Returns false when it had completed.
     bool cancel();
     // Blocks until the request completes or `deadline` passes; true when it completed.
@@ -88,7 +85,6 @@ class Request
     std::span<std::uint8_t> input_;
     std::span<std::uint8_t> output_;
     Routine cancel_routine_;
-    Routine on_completion_;
     bool cancel_requested_ = false;
     bool routine_taken_ = false;
     bool done_ = false;
