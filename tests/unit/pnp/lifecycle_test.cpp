@@ -79,6 +79,11 @@ TEST_F(LifecycleTest, CallbacksComeInTheFrameworksOrder)
                               {"SelfManagedIoSuspend", "IoStop(0x10000001)", "D0Exit(D9)",
                                "ReleaseHardware(interface enabled)", "RequestCancel",
                                "SelfManagedIoFlush", "SelfManagedIoCleanup", "DriverCleanup"}};
+    // A queue that is not power-managed is purged only after Flush, and never stopped.
+    const Step unload_holding_unmanaged{[](LifecycleTest& t) { t.stack_->unload(); },
+                                        {"SelfManagedIoSuspend", "D0Exit(D9)",
+                                         "ReleaseHardware(interface enabled)", "SelfManagedIoFlush",
+                                         "RequestCancel", "SelfManagedIoCleanup", "DriverCleanup"}};
     const Step unload{[](LifecycleTest& t) { t.stack_->unload(); }, kRemovedInD0};
     const Step remove_asleep{
         [](LifecycleTest& t) { t.stack_->remove(); },
@@ -117,6 +122,11 @@ TEST_F(LifecycleTest, CallbacksComeInTheFrameworksOrder)
          STATUS_SUCCESS,
          kStarted,
          {hold, sleep_holding, wake_holding, unload_holding}},
+        {"unload with a request in hand, queue not power-managed",
+         {{u"QueuePowerManaged", 0}},
+         STATUS_SUCCESS,
+         kStarted,
+         {hold, unload_holding_unmanaged}},
         {"removal while asleep", {}, STATUS_SUCCESS, kStarted, {sleep, remove_asleep}},
         {"surprise removal, power-managed queue",
          {},
