@@ -12,7 +12,6 @@
 #include "wdf/lower_device.h"
 #include "wdf/request.h"
 #include "wdf/rules.h"
-#include "wdf/timeout.h"
 
 namespace mvgps::wdf
 {
@@ -138,7 +137,8 @@ NTSTATUS send(WDFIOTARGET handle, WDFREQUEST request_handle, const Send& what,
     }
     bool has_timeout = options && (options->Flags & WDF_REQUEST_SEND_OPTION_TIMEOUT);
     bool ignore_state = options && (options->Flags & WDF_REQUEST_SEND_OPTION_IGNORE_TARGET_STATE);
-    sched::Nanos deadline = has_timeout ? deadline_from(&options->Timeout) : sched::kForever;
+    sched::Nanos deadline =
+        has_timeout ? kernel::deadline_from(&options->Timeout) : sched::kForever;
 
     // A buffered control call sees one system buffer holding the input, as the I/O manager
     // gives it to the driver below; its output is copied back afterwards.
