@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "../os/os_fixture.h"
+#include "tests/unit/os/os_fixture.h"
 #include "link/hci.h"
 
 namespace mvgps::test

@@ -8,7 +8,7 @@
 #include "sched/sched.h"
 #include "sim/chip/chip.h"
 #include "sim/uart/wire.h"
-#include "sim_testkit/client.h"
+#include "sim/testkit/client.h"
 
 namespace mvgps::sim::chip
 {

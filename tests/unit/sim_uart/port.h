@@ -9,7 +9,7 @@
 #include "sched/sched.h"
 #include "sim/uart/controller.h"
 #include "sim/uart/wire.h"
-#include "sim_testkit/client.h"
+#include "sim/testkit/client.h"
 #include "wdf/lower_device.h"
 
 namespace mvgps::sim::uart

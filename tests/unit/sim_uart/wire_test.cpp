@@ -6,7 +6,7 @@
 
 #include "sched/sched.h"
 #include "sim/uart/wire.h"
-#include "sim_testkit/client.h"
+#include "sim/testkit/client.h"
 #include "verifier/faults.h"
 
 namespace mvgps::sim::uart
