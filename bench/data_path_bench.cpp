@@ -19,9 +19,9 @@
 #include <vector>
 
 #include "harness/data_path/data_path_ops.h"
-#include "pnp/client.h"
+#include "host/pnp/client.h"
 #include "read/read.h"
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace
 {

@@ -6,7 +6,7 @@
 #include <fstream>
 
 #include "link/hci.h"
-#include "sched/random.h"
+#include "host/sched/random.h"
 
 namespace mvgps::bench
 {

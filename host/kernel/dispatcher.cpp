@@ -1,6 +1,6 @@
 // Events, waits, delays and the clocks. An event's whole state lives in its 24 bytes: the
 // signal state, and the wait-list head reused as the scheduler's list of blocked threads.
-#include "kernel/internal.h"
+#include "host/kernel/internal.h"
 
 #include <algorithm>
 #include <deque>
@@ -8,7 +8,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "verifier/verifier.h"
+#include "host/verifier/verifier.h"
 
 namespace mvgps::kernel::detail
 {

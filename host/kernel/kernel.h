@@ -11,8 +11,8 @@
 #include <string_view>
 #include <vector>
 
-#include "sched/sched.h"
-#include "verifier/faults.h"
+#include "host/sched/sched.h"
+#include "host/verifier/faults.h"
 
 namespace mvgps::kernel
 {

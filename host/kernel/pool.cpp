@@ -1,8 +1,8 @@
 // Pool: every block carries a hidden header (tag, size, allocation serial) and a guard after
 // its end; the pool keeps per-tag accounting and the live set for the leak report, and asks
 // the low-resources simulation whether an allocation fails.
-#include "kernel/internal.h"
-#include "kernel/kernel.h"
+#include "host/kernel/internal.h"
+#include "host/kernel/kernel.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -17,8 +17,8 @@
 #include <unordered_set>
 #include <utility>
 
-#include "verifier/faults.h"
-#include "verifier/verifier.h"
+#include "host/verifier/faults.h"
+#include "host/verifier/verifier.h"
 
 namespace mvgps::kernel
 {

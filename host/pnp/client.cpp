@@ -1,12 +1,12 @@
-#include "pnp/client.h"
+#include "host/pnp/client.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "kernel/kernel.h"
-#include "pnp/stack.h"
-#include "wdf/device.h"
-#include "wdf/request.h"
+#include "host/kernel/kernel.h"
+#include "host/pnp/stack.h"
+#include "host/wdf/device.h"
+#include "host/wdf/request.h"
 
 namespace mvgps::pnp
 {

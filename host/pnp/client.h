@@ -12,7 +12,7 @@
 #include <span>
 #include <vector>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::wdf
 {

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "wdf/lower_device.h"
+#include "host/wdf/lower_device.h"
 
 namespace mvgps::pnp
 {

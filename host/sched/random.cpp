@@ -1,6 +1,6 @@
-#include "sched/random.h"
+#include "host/sched/random.h"
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::sched
 {

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <vector>
 
-#include "sched/thread_record.h"
+#include "host/sched/thread_record.h"
 
 namespace mvgps::sched
 {

@@ -3,7 +3,7 @@
 #include <random>
 #include <string_view>
 
-#include "sched/thread_record.h"
+#include "host/sched/thread_record.h"
 
 namespace mvgps::sched
 {

@@ -9,8 +9,8 @@
 #include <mutex>
 #include <vector>
 
-#include "sched/random.h"
-#include "sched/thread_record.h"
+#include "host/sched/random.h"
+#include "host/sched/thread_record.h"
 
 namespace mvgps::sched
 {

@@ -1,9 +1,9 @@
-#include "verifier/faults.h"
+#include "host/verifier/faults.h"
 
 #include <mutex>
 #include <vector>
 
-#include "sched/random.h"
+#include "host/sched/random.h"
 
 namespace mvgps::verifier
 {

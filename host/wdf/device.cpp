@@ -1,12 +1,12 @@
-#include "wdf/device.h"
+#include "host/wdf/device.h"
 
 #include <cstdio>
 #include <cstring>
 
-#include "kernel/kernel.h"
-#include "wdf/driver.h"
-#include "wdf/request.h"
-#include "wdf/rules.h"
+#include "host/kernel/kernel.h"
+#include "host/wdf/driver.h"
+#include "host/wdf/request.h"
+#include "host/wdf/rules.h"
 
 namespace mvgps::wdf
 {

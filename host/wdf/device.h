@@ -17,9 +17,9 @@
 #include <string>
 #include <vector>
 
-#include "sched/sched.h"
-#include "wdf/host_mutex.h"
-#include "wdf/object.h"
+#include "host/sched/sched.h"
+#include "host/wdf/host_mutex.h"
+#include "host/wdf/object.h"
 
 namespace mvgps::wdf
 {

@@ -1,4 +1,4 @@
-#include "wdf/faults.h"
+#include "host/wdf/faults.h"
 
 namespace mvgps::wdf::faults
 {

@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "verifier/faults.h"
-#include "wdf/object.h"
+#include "host/verifier/faults.h"
+#include "host/wdf/object.h"
 
 namespace mvgps::wdf::faults
 {

@@ -6,12 +6,12 @@
 #include <cstring>
 #include <vector>
 
-#include "kernel/kernel.h"
-#include "wdf/device.h"
-#include "wdf/faults.h"
-#include "wdf/lower_device.h"
-#include "wdf/request.h"
-#include "wdf/rules.h"
+#include "host/kernel/kernel.h"
+#include "host/wdf/device.h"
+#include "host/wdf/faults.h"
+#include "host/wdf/lower_device.h"
+#include "host/wdf/request.h"
+#include "host/wdf/rules.h"
 
 namespace mvgps::wdf
 {

@@ -1,9 +1,9 @@
-#include "wdf/lower_device.h"
+#include "host/wdf/lower_device.h"
 
 #include <map>
 #include <mutex>
 
-#include "wdf/fold.h"
+#include "host/wdf/fold.h"
 
 namespace mvgps::io
 {

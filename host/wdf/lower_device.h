@@ -18,7 +18,7 @@
 #include <string>
 #include <string_view>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::io
 {

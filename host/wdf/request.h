@@ -10,8 +10,8 @@
 #include <memory>
 #include <vector>
 
-#include "sched/sched.h"
-#include "wdf/object.h"
+#include "host/sched/sched.h"
+#include "host/wdf/object.h"
 
 namespace mvgps::wdf
 {

@@ -2,10 +2,10 @@
 // are scheduling points.
 #include <string>
 
-#include "kernel/kernel.h"
-#include "sched/sched.h"
-#include "wdf/object.h"
-#include "wdf/rules.h"
+#include "host/kernel/kernel.h"
+#include "host/sched/sched.h"
+#include "host/wdf/object.h"
+#include "host/wdf/rules.h"
 
 namespace mvgps::wdf
 {

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "pnp/system.h"
+#include "host/pnp/system.h"
 
 namespace mvgps::sim
 {

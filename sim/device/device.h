@@ -10,13 +10,13 @@
 #include <string>
 #include <vector>
 
-#include "pnp/stack.h"
+#include "host/pnp/stack.h"
 #include "sim/chip/chip.h"
 #include "sim/testkit/client.h"
 #include "sim/uart/controller.h"
 #include "sim/uart/tty_line.h"
 #include "sim/uart/wire.h"
-#include "verifier/faults.h"
+#include "host/verifier/faults.h"
 
 namespace mvgps::sim
 {

@@ -1,7 +1,7 @@
 // The world draws from the host's streams: see sched/random.h.
 #pragma once
 
-#include "sched/random.h"
+#include "host/sched/random.h"
 
 namespace mvgps::sim
 {

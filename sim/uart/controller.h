@@ -25,9 +25,9 @@
 #include <memory>
 #include <vector>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 #include "sim/support/line.h"
-#include "wdf/lower_device.h"
+#include "host/wdf/lower_device.h"
 
 namespace mvgps::sim::uart
 {

@@ -14,13 +14,13 @@
 #include <vector>
 
 #include "harness/data_path/data_path_ops.h"
-#include "kernel/kernel.h"
+#include "host/kernel/kernel.h"
 #include "link/command.h"
-#include "pnp/client.h"
+#include "host/pnp/client.h"
 #include "read/read.h"
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 #include "sim/device/device.h"
-#include "wdf/faults.h"
+#include "host/wdf/faults.h"
 
 namespace mvgps::test
 {

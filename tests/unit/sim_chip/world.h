@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 #include "sim/chip/chip.h"
 #include "sim/uart/wire.h"
 #include "sim/testkit/client.h"

@@ -2,8 +2,8 @@
 // Resource Hub, to the simulated controller, the wire and the chip.
 #include <gtest/gtest.h>
 
-#include "pnp/client.h"
-#include "pnp/system.h"
+#include "host/pnp/client.h"
+#include "host/pnp/system.h"
 #include "sim/device/device.h"
 #include "sim/testkit/client.h"
 #include "uart_probe.h"

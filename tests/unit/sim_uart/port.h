@@ -6,11 +6,11 @@
 #include <memory>
 #include <vector>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 #include "sim/uart/controller.h"
 #include "sim/uart/wire.h"
 #include "sim/testkit/client.h"
-#include "wdf/lower_device.h"
+#include "host/wdf/lower_device.h"
 
 namespace mvgps::sim::uart
 {

@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <string>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 #include "sim/uart/wire.h"
 #include "sim/testkit/client.h"
-#include "verifier/faults.h"
+#include "host/verifier/faults.h"
 
 namespace mvgps::sim::uart
 {

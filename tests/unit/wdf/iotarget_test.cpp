@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "fixture.h"
-#include "wdf/faults.h"
-#include "wdf/lower_device.h"
+#include "host/wdf/faults.h"
+#include "host/wdf/lower_device.h"
 
 namespace mvgps::wdf::test
 {

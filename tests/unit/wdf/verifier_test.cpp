@@ -1,5 +1,5 @@
 #include "fixture.h"
-#include "kernel/kernel.h"
+#include "host/kernel/kernel.h"
 
 namespace mvgps::wdf::test
 {
