@@ -1,4 +1,4 @@
-// The world draws from the host's streams: see sched/random.h.
+// The world draws from the host's one source of chance (host/sched/random.h).
 #pragma once
 
 #include "host/sched/random.h"
