@@ -1,9 +1,11 @@
 #include "host/verifier/faults.h"
 
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "host/sched/random.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::verifier
 {
@@ -53,7 +55,8 @@ void add_fault(const FaultRule& rule)
 {
     Table& t = table();
     std::lock_guard lock(t.lock);
-    t.rules.push_back(Armed{rule, 0, sched::Random(rule.seed, "fault")});
+    const std::uint64_t run = sched::installed() ? sched::current().seed() : 0;
+    t.rules.push_back(Armed{rule, 0, sched::Random(run, "fault " + std::to_string(rule.seed))});
 }
 
 void clear_faults()

@@ -3,7 +3,8 @@
 // by rule, so that tests walk every failure path. One engine serves every site: the layers
 // above describe each call by what it is (a pool tag, an object kind, a send operation) and a
 // code (a control code), and give their rules names of their own. Rules stay armed,
-// process-wide, until cleared.
+// process-wide, until cleared. A random rule draws from a stream of the run's seed (seed 0
+// without a scheduler), so MVGPS_SEED replays its failures with everything else.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +20,7 @@ struct FaultRule {
     Site site = Site::Pool;
     When when = When::Nth;
     std::uint64_t n = 1;               // Nth: the n-th matching call fails (1 = the next one)
-    std::uint64_t seed = 0;            // Random: seeds the rule's own stream, so a run replays
+    std::uint64_t seed = 0;            // Random: names the rule's stream of the run's seed
     double probability = 0.0;          // Random: chance that a matching call fails
     std::optional<std::uint32_t> what; // only calls of this kind
     std::optional<std::uint32_t> code; // only calls with this code

@@ -161,7 +161,6 @@ TEST(Wire, NoiseAndFaultsReplayFromTheRunSeedApart)
         b.wire.b().impair({0.2, 0.2, 0.2});
         verifier::FaultRule rule;
         rule.when = verifier::FaultRule::When::Random;
-        rule.seed = sched::current().seed();
         rule.probability = 0.5;
         rule.status = -1;
         verifier::add_fault(rule);
