@@ -31,7 +31,7 @@ struct DeviceConfig {
     std::string image;           // the driver's shared object
     std::uint32_t rate = 921600; // BaudRateIndex in the device's Parameters; the far end's rate
     FarEnd far_end = FarEnd::Chip;
-    std::string capture; // the NMEA capture the simulated chip plays (none: its own receiver)
+    std::string capture; // the NMEA capture the simulated chip plays (none: its receiver model)
     std::string tty;     // a real serial port instead of the simulated wire and far end
     std::uint64_t connection_id = kUartConnectionId;
     // Also binds the controller under this device name, for a driver that opens it by name.
