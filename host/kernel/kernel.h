@@ -22,6 +22,9 @@ KIRQL current_irql();
 // Spin locks the calling thread holds right now.
 std::size_t spin_locks_held();
 
+// System threads still running whose start routine lies in the image loaded at `image_base`.
+std::vector<std::string> threads_running_in(const void* image_base);
+
 // ---- Timeouts -----------------------------------------------------------------------------
 // A kernel or framework timeout as a scheduler deadline: null waits without limit, a
 // negative value is relative and a positive one absolute system time, both in 100-ns units;
