@@ -18,15 +18,10 @@
 #include <string>
 #include <vector>
 
-#include "data_path_ops.h"
-#include "pnp/client.h"
-#include "pnp/stack.h"
+#include "harness/data_path/data_path_ops.h"
+#include "host/pnp/client.h"
 #include "read/read.h"
-#include "sched/sched.h"
-#include "sim/chip/chip.h"
-#include "sim/uart/controller.h"
-#include "sim/uart/wire.h"
-#include "sim_testkit/client.h"
+#include "host/sched/sched.h"
 
 namespace
 {
@@ -64,38 +59,27 @@ void on_thread(const std::function<void()>& body)
 class World
 {
   public:
-    explicit World(std::unique_ptr<sim::chip::ChipConfig> chip)
+    explicit World(sim::DeviceConfig config)
     {
-        sim::uart::ControllerConfig port;
-        port.line = kLine;
-        uart_ = std::make_shared<sim::uart::SerialController>(wire_.a(), port);
-        io::bind(u"\\Device\\DataPathUart", uart_);
-        if (chip) {
-            chip_ = std::make_unique<sim::chip::Chip>(wire_.b(), *chip);
-        } else {
-            peer_ = std::make_unique<sim::testkit::Client>(wire_.b(), kLine.rate);
+        std::string error;
+        device_ = sim::HostedDevice::start(std::move(config), error);
+        if (!device_) {
+            std::printf("%s\n", error.c_str());
+            return;
         }
-        pnp::NodeConfig node;
-        node.image = DATA_PATH_DRIVER_PATH;
-        stack_ = std::make_unique<pnp::DeviceStack>(node);
-        ok_ = stack_->bring_up() == STATUS_SUCCESS &&
-              pnp::ClientHandle::open_interface(GUID_DEVINTERFACE_DATA_PATH, client_) ==
-                  STATUS_SUCCESS;
-        ops_ = test::find_data_path_ops(DATA_PATH_DRIVER_PATH);
-        ok_ = ok_ && ops_ != nullptr;
+        ops_ = harness::find_data_path_ops(DATA_PATH_DRIVER_PATH);
+        ok_ = ops_ != nullptr && pnp::ClientHandle::open_interface(GUID_DEVINTERFACE_DATA_PATH,
+                                                                   client_) == STATUS_SUCCESS;
     }
 
     ~World()
     {
         client_.reset();
-        stack_.reset();
-        chip_.reset();
-        peer_.reset();
-        io::unbind(u"\\Device\\DataPathUart");
+        device_.reset();
     }
 
     bool ok() const { return ok_; }
-    sim::testkit::Client& peer() { return *peer_; }
+    sim::testkit::Client& peer() { return *device_->peer(); }
     const DATA_PATH_OPS& ops() { return *ops_; }
     std::shared_ptr<pnp::PendingIo> read()
     {
@@ -103,11 +87,7 @@ class World
     }
 
   private:
-    sim::uart::Wire wire_;
-    std::shared_ptr<sim::uart::SerialController> uart_;
-    std::unique_ptr<sim::chip::Chip> chip_;
-    std::unique_ptr<sim::testkit::Client> peer_;
-    std::unique_ptr<pnp::DeviceStack> stack_;
+    std::unique_ptr<sim::HostedDevice> device_;
     std::unique_ptr<pnp::ClientHandle> client_;
     const DATA_PATH_OPS* ops_ = nullptr;
     bool ok_ = false;
@@ -143,7 +123,7 @@ void report(const char* what, std::vector<sched::Nanos> samples, sched::Nanos fl
 // A read is pending; one frame arrives alone on a quiet line.
 void latency(int count)
 {
-    World w(nullptr);
+    World w(harness::data_path_device(sim::FarEnd::Peer));
     if (!w.ok()) {
         std::printf("latency: the device did not come up\n");
         return;
@@ -174,11 +154,11 @@ void latency(int count)
 // xfer_hci_pkt_core with acknowledgement against a chip that answers at once.
 void round_trip(int count)
 {
-    auto chip = std::make_unique<sim::chip::ChipConfig>();
-    chip->nmea_on = false;
-    chip->answer_delay_min = 0;
-    chip->answer_delay_max = 0;
-    World w(std::move(chip));
+    sim::DeviceConfig config = harness::data_path_device(sim::FarEnd::Chip);
+    config.chip.nmea_on = false;
+    config.chip.answer_delay_min = 0;
+    config.chip.answer_delay_max = 0;
+    World w(std::move(config));
     if (!w.ok()) {
         std::printf("round trip: the device did not come up\n");
         return;
@@ -208,7 +188,7 @@ void round_trip(int count)
 // client keeps 4 reads pending, re-posting each as it completes.
 void throughput(int burst, sched::Nanos duration)
 {
-    World w(nullptr);
+    World w(harness::data_path_device(sim::FarEnd::Peer));
     if (!w.ok()) {
         std::printf("throughput: the device did not come up\n");
         return;

@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <random>
 
+#include "host/sched/random.h"
 #include "link/codec/hci.h"
 
 namespace mvgps::bench
@@ -69,9 +69,9 @@ NmeaStream make_nmea_stream(std::uint64_t seed, std::string& error)
             stream.frames++;
         }
     }
-    std::mt19937_64 random(seed);
+    sched::Random random(seed, "read sizes");
     for (std::size_t at = 0; at < stream.bytes.size();) {
-        const std::size_t n = std::min<std::size_t>(1 + random() % 2048, stream.bytes.size() - at);
+        const auto n = std::min<std::size_t>(random.between(1, 2048), stream.bytes.size() - at);
         stream.reads.push_back(n);
         at += n;
     }

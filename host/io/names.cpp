@@ -1,10 +1,10 @@
-#include "io/names.h"
+#include "host/io/names.h"
 
 #include <map>
 #include <mutex>
 #include <vector>
 
-#include "io/fold.h"
+#include "host/io/fold.h"
 
 namespace mvgps::io
 {

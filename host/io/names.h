@@ -15,7 +15,7 @@
 #include <string>
 #include <string_view>
 
-#include "io/request.h"
+#include "host/io/request.h"
 
 namespace mvgps::io
 {

@@ -1,4 +1,4 @@
-#include "io/request.h"
+#include "host/io/request.h"
 
 #include <algorithm>
 

@@ -23,7 +23,7 @@
 #include <span>
 #include <vector>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::io
 {

@@ -1,6 +1,6 @@
 // DbgPrint: into a ring that tests read, and to stderr when MVGPS_DEBUG=1.
-#include "kernel/format.h"
-#include "kernel/kernel.h"
+#include "host/kernel/format.h"
+#include "host/kernel/kernel.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,15 +1,14 @@
 // Events, waits, delays and the clocks. An event's whole state lives in its 24 bytes: the
 // signal state, and the wait-list head reused as the scheduler's list of blocked threads.
-#include "kernel/internal.h"
+#include "host/kernel/internal.h"
 
 #include <algorithm>
-#include <chrono>
 #include <deque>
 #include <new>
 #include <string>
 #include <unordered_map>
 
-#include "verifier/verifier.h"
+#include "host/verifier/verifier.h"
 
 namespace mvgps::kernel::detail
 {
@@ -91,19 +90,13 @@ void signal_header(DISPATCHER_HEADER& header)
 namespace
 {
 
-// System time (100 ns units since 1601) at scheduler time zero in simulated runs: a fixed
-// date, so that a replay sees the same clock. Realtime runs read the real clock.
-constexpr LONGLONG kSimulatedEpoch = 133'512'192'000'000'000LL; // 2024-02-01 00:00 UTC
+// System time counts 100 ns units since 1601; the scheduler's calendar counts nanoseconds
+// since 1970.
 constexpr LONGLONG kUnixEpochAsSystemTime = 116'444'736'000'000'000LL;
 
 LONGLONG system_time(sched::Scheduler& s)
 {
-    if (s.mode() == sched::Mode::Simulated) {
-        return kSimulatedEpoch + s.now() / 100;
-    }
-    auto since_unix = std::chrono::system_clock::now().time_since_epoch();
-    return kUnixEpochAsSystemTime +
-           std::chrono::duration_cast<std::chrono::nanoseconds>(since_unix).count() / 100;
+    return kUnixEpochAsSystemTime + (s.epoch() + s.now()) / 100;
 }
 
 sched::Nanos after(sched::Nanos now, ULONGLONG hundreds)
@@ -170,21 +163,26 @@ LONG set_state(PRKEVENT event, LONG state, const char* caller, const char* point
 
 } // namespace
 
-sched::Nanos deadline_of(sched::Scheduler& s, const LARGE_INTEGER* interval)
+} // namespace mvgps::kernel::detail
+
+namespace mvgps::kernel
 {
-    if (interval == nullptr) {
+
+sched::Nanos deadline_from(const LONGLONG* timeout)
+{
+    if (timeout == nullptr) {
         return sched::kForever;
     }
+    sched::Scheduler& s = sched::current();
     sched::Nanos now = s.now();
-    LONGLONG q = interval->QuadPart;
-    if (q < 0) {
-        return after(now, static_cast<ULONGLONG>(-(q + 1)) + 1);
+    if (*timeout < 0) {
+        return detail::after(now, static_cast<ULONGLONG>(-(*timeout + 1)) + 1);
     }
-    LONGLONG until = q - system_time(s);
-    return until <= 0 ? now : after(now, static_cast<ULONGLONG>(until));
+    LONGLONG until = *timeout - detail::system_time(s);
+    return until <= 0 ? now : detail::after(now, static_cast<ULONGLONG>(until));
 }
 
-} // namespace mvgps::kernel::detail
+} // namespace mvgps::kernel
 
 using namespace mvgps;
 using namespace mvgps::kernel::detail;
@@ -241,7 +239,7 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON, KPROCESSOR_MODE, BOOL
         s.point(what);
         return taken ? STATUS_SUCCESS : STATUS_TIMEOUT;
     }
-    sched::Nanos deadline = deadline_of(s, Timeout);
+    sched::Nanos deadline = kernel::deadline_from(Timeout ? &Timeout->QuadPart : nullptr);
     sched::StateLock lock(s);
     if (try_take(header)) {
         return STATUS_SUCCESS;
@@ -263,7 +261,7 @@ NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER Interva
     if (Interval->QuadPart == 0) {
         s.point("KeDelayExecutionThread");
     } else {
-        s.sleep_until(deadline_of(s, Interval), "KeDelayExecutionThread");
+        s.sleep_until(kernel::deadline_from(&Interval->QuadPart), "KeDelayExecutionThread");
     }
     return STATUS_SUCCESS;
 }

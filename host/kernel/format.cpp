@@ -1,5 +1,5 @@
 // One formatter for every kernel print routine; see format.h for the dialect.
-#include "kernel/format.h"
+#include "host/kernel/format.h"
 
 #include <algorithm>
 #include <climits>

@@ -1,5 +1,5 @@
 // The registry of device interfaces that IoGetDeviceInterfaces reads.
-#include "kernel/kernel.h"
+#include "host/kernel/kernel.h"
 
 #include <algorithm>
 #include <cstring>

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::kernel::detail
 {
@@ -38,9 +38,5 @@ inline constexpr UCHAR kThreadObject = 6;
 inline constexpr UCHAR kEventSize = sizeof(KEVENT) / sizeof(LONG);
 // Signals the header (a thread's end) and wakes its waiters.
 void signal_header(DISPATCHER_HEADER& header);
-
-// Absolute scheduler deadline for a kernel interval: negative is relative (100 ns units),
-// positive is absolute system time, null is forever.
-sched::Nanos deadline_of(sched::Scheduler& s, const LARGE_INTEGER* interval);
 
 } // namespace mvgps::kernel::detail

@@ -1,11 +1,11 @@
 // IRQL: a per-thread level that spin locks raise and the verifier checks.
-#include "kernel/internal.h"
-#include "kernel/kernel.h"
+#include "host/kernel/internal.h"
+#include "host/kernel/kernel.h"
 
 #include <cstdio>
 #include <string>
 
-#include "verifier/verifier.h"
+#include "host/verifier/verifier.h"
 
 namespace mvgps::kernel
 {

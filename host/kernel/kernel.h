@@ -11,6 +11,9 @@
 #include <string_view>
 #include <vector>
 
+#include "host/sched/sched.h"
+#include "host/verifier/faults.h"
+
 namespace mvgps::kernel
 {
 
@@ -21,6 +24,12 @@ std::size_t spin_locks_held();
 
 // System threads still running whose start routine lies in the image loaded at `image_base`.
 std::vector<std::string> threads_running_in(const void* image_base);
+
+// ---- Timeouts -----------------------------------------------------------------------------
+// A kernel or framework timeout as a scheduler deadline: null waits without limit, a
+// negative value is relative and a positive one absolute system time, both in 100-ns units;
+// zero only tries. Every wait and send in the host converts its timeout here.
+sched::Nanos deadline_from(const LONGLONG* timeout);
 
 // ---- Pool ----------------------------------------------------------------------------------
 struct TagStats {
@@ -56,21 +65,21 @@ LeakReport leak_report(std::span<const ULONG> tags = {});
 // "'SHBS' (0x53424853)": a tag as pool viewers show it (bytes in memory order).
 std::string tag_text(ULONG tag);
 
-// Fault injection, as the verifier's low-resources simulation does it. A rule with tag 0
-// applies to every allocation; otherwise only to allocations with that tag.
-struct PoolFault {
-    enum class Kind { Nth, Every, Random };
-    Kind kind;
-    ULONG tag = 0;
-    std::uint64_t n = 0;      // Nth: fail the n-th matching allocation (1 = the next one)
-    std::uint64_t seed = 0;   // Random: the rule's own generator, so a run replays
-    double probability = 0.0; // Random: chance that a matching allocation fails
-};
+// Allocation failures from the low-resources simulation. A rule with tag 0 applies to every
+// allocation; otherwise only to allocations with that tag.
+using PoolFault = verifier::FaultRule;
 PoolFault fail_nth(std::uint64_t n, ULONG tag = 0);
 PoolFault fail_every(ULONG tag);
 PoolFault fail_random(std::uint64_t seed, double probability, ULONG tag = 0);
-void add_pool_fault(const PoolFault& rule);
-void clear_pool_faults();
+inline void add_pool_fault(const PoolFault& rule)
+{
+    verifier::add_fault(rule);
+}
+// Clears every armed rule, the framework's too.
+inline void clear_pool_faults()
+{
+    verifier::clear_faults();
+}
 
 // ---- Debug output --------------------------------------------------------------------------
 // Everything DbgPrint and DbgPrintEx produced since the last clear (the most recent few

@@ -1,8 +1,8 @@
 // Pool: every block carries a hidden header (tag, size, allocation serial) and a guard after
-// its end; the pool keeps per-tag accounting, the live set for the leak report, and the
-// fault rules of the low-resources simulation.
-#include "kernel/internal.h"
-#include "kernel/kernel.h"
+// its end; the pool keeps per-tag accounting and the live set for the leak report, and asks
+// the low-resources simulation whether an allocation fails.
+#include "host/kernel/internal.h"
+#include "host/kernel/kernel.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -17,7 +17,8 @@
 #include <unordered_set>
 #include <utility>
 
-#include "verifier/verifier.h"
+#include "host/verifier/faults.h"
+#include "host/verifier/verifier.h"
 
 namespace mvgps::kernel
 {
@@ -46,12 +47,6 @@ constexpr ULONG_PTR kWrongTag = 0x0A;
 constexpr ULONG_PTR kZeroTag = 0x9B;
 constexpr ULONG_PTR kNotPool = 0x46;
 
-struct Rule {
-    PoolFault fault;
-    std::uint64_t seen = 0;
-    std::uint64_t random_state = 0;
-};
-
 struct Pool {
     std::mutex mutex;
     std::map<ULONG, TagStats> tags;
@@ -62,7 +57,6 @@ struct Pool {
     std::deque<std::pair<const void*, std::uint64_t>> freed_order;
     std::uint64_t frees = 0;
     std::uint64_t serial = 0;
-    std::vector<Rule> rules;
 };
 
 // Never destroyed: threads may still free pool while the process exits.
@@ -81,39 +75,6 @@ Header* header_of(const void* block)
 std::uint64_t cookie_for(const void* block)
 {
     return kCookie ^ reinterpret_cast<std::uint64_t>(block);
-}
-
-std::uint64_t splitmix64(std::uint64_t& state)
-{
-    std::uint64_t z = (state += 0x9E3779B97F4A7C15ULL);
-    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
-    z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
-    return z ^ (z >> 31);
-}
-
-// Every rule sees every allocation it matches, so that counts do not depend on each other.
-bool injected_failure(Pool& p, ULONG tag)
-{
-    bool fail = false;
-    for (Rule& r : p.rules) {
-        if (r.fault.tag != 0 && r.fault.tag != tag) {
-            continue;
-        }
-        ++r.seen;
-        switch (r.fault.kind) {
-        case PoolFault::Kind::Nth:
-            fail |= r.seen == r.fault.n;
-            break;
-        case PoolFault::Kind::Every:
-            fail = true;
-            break;
-        case PoolFault::Kind::Random:
-            fail |= static_cast<double>(splitmix64(r.random_state) >> 11) * 0x1.0p-53 <
-                    r.fault.probability;
-            break;
-        }
-    }
-    return fail;
 }
 
 void check_irql(const char* caller, bool paged)
@@ -138,7 +99,7 @@ void* allocate(const char* caller, bool paged, std::size_t size, ULONG tag, bool
     std::unique_lock lock(p.mutex);
     TagStats& stats = p.tags[tag];
     stats.tag = tag;
-    if (injected_failure(p, tag)) {
+    if (verifier::inject(verifier::Site::Pool, tag) != 0) {
         ++stats.failures;
         lock.unlock();
         char text[64];
@@ -287,31 +248,31 @@ LeakReport leak_report(std::span<const ULONG> tags)
 
 PoolFault fail_nth(std::uint64_t n, ULONG tag)
 {
-    return {PoolFault::Kind::Nth, tag, n, 0, 0.0};
+    PoolFault r = fail_every(tag);
+    r.when = PoolFault::When::Nth;
+    r.n = n;
+    return r;
 }
 
 PoolFault fail_every(ULONG tag)
 {
-    return {PoolFault::Kind::Every, tag, 0, 0, 0.0};
+    PoolFault r;
+    r.site = verifier::Site::Pool;
+    r.when = PoolFault::When::Every;
+    if (tag != 0) {
+        r.what = tag;
+    }
+    r.status = STATUS_INSUFFICIENT_RESOURCES;
+    return r;
 }
 
 PoolFault fail_random(std::uint64_t seed, double probability, ULONG tag)
 {
-    return {PoolFault::Kind::Random, tag, 0, seed, probability};
-}
-
-void add_pool_fault(const PoolFault& rule)
-{
-    Pool& p = pool();
-    std::lock_guard lock(p.mutex);
-    p.rules.push_back({rule, 0, rule.seed});
-}
-
-void clear_pool_faults()
-{
-    Pool& p = pool();
-    std::lock_guard lock(p.mutex);
-    p.rules.clear();
+    PoolFault r = fail_every(tag);
+    r.when = PoolFault::When::Random;
+    r.seed = seed;
+    r.probability = probability;
+    return r;
 }
 
 } // namespace mvgps::kernel

@@ -1,6 +1,6 @@
 // Spin locks: the 8-byte lock word holds its owner; a contended acquire blocks through the
 // scheduler, so a simulated run interleaves lock holders deterministically.
-#include "kernel/internal.h"
+#include "host/kernel/internal.h"
 
 #include <algorithm>
 #include <array>
@@ -8,7 +8,7 @@
 #include <functional>
 #include <string>
 
-#include "verifier/verifier.h"
+#include "host/verifier/verifier.h"
 
 namespace mvgps::kernel::detail
 {

@@ -2,7 +2,7 @@
 // they wrote, and report truncation as STATUS_BUFFER_OVERFLOW.
 #include <ntstrsafe.h>
 
-#include "kernel/format.h"
+#include "host/kernel/format.h"
 
 namespace mvgps::kernel::detail
 {

@@ -1,7 +1,7 @@
 // System threads, their handles and their waitable objects. A thread object is signalled
 // when its routine returns, and lives until its last reference is dropped; a driver that
 // keeps its reference forever only keeps a small host record, never pool.
-#include "kernel/internal.h"
+#include "host/kernel/internal.h"
 
 #include <cxxabi.h>
 #include <dlfcn.h>
@@ -13,7 +13,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "verifier/verifier.h"
+#include "host/verifier/verifier.h"
 
 namespace mvgps::kernel::detail
 {

@@ -1,9 +1,9 @@
-#include "pnp/client.h"
+#include "host/pnp/client.h"
 
 #include <algorithm>
 
-#include "kernel/kernel.h"
-#include "wdf/device.h"
+#include "host/kernel/kernel.h"
+#include "host/wdf/device.h"
 
 namespace mvgps::pnp
 {

@@ -12,8 +12,8 @@
 #include <span>
 #include <vector>
 
-#include "io/names.h"
-#include "sched/sched.h"
+#include "host/sched/sched.h"
+#include "host/io/names.h"
 
 namespace mvgps::wdf
 {

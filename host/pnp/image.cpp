@@ -1,12 +1,12 @@
-#include "pnp/image.h"
+#include "host/pnp/image.h"
 
 #include <dlfcn.h>
 
 #include <cstdio>
 
-#include "kernel/kernel.h"
-#include "verifier/verifier.h"
-#include "wdf/rules.h"
+#include "host/kernel/kernel.h"
+#include "host/verifier/verifier.h"
+#include "host/wdf/rules.h"
 
 namespace mvgps::pnp
 {

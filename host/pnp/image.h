@@ -8,7 +8,7 @@
 #include <string>
 #include <unordered_set>
 
-#include "wdf/driver.h"
+#include "host/wdf/driver.h"
 
 namespace mvgps::pnp
 {

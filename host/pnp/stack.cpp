@@ -1,4 +1,4 @@
-#include "pnp/stack.h"
+#include "host/pnp/stack.h"
 
 #include <algorithm>
 

@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "pnp/image.h"
-#include "sched/sched.h"
-#include "wdf/device.h"
-#include "wdf/host_mutex.h"
+#include "host/pnp/image.h"
+#include "host/sched/sched.h"
+#include "host/wdf/device.h"
+#include "host/wdf/host_mutex.h"
 
 namespace mvgps::pnp
 {

@@ -1,4 +1,4 @@
-#include "pnp/system.h"
+#include "host/pnp/system.h"
 
 #include <initguid.h>
 #include <ntddser.h>
@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "kernel/kernel.h"
+#include "host/kernel/kernel.h"
 
 namespace mvgps::pnp
 {

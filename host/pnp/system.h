@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "io/names.h"
+#include "host/io/names.h"
 
 namespace mvgps::pnp
 {

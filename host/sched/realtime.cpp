@@ -7,7 +7,7 @@
 #include <mutex>
 #include <vector>
 
-#include "sched/thread_record.h"
+#include "host/sched/thread_record.h"
 
 namespace mvgps::sched
 {
@@ -19,7 +19,12 @@ using Clock = std::chrono::steady_clock;
 class Realtime final : public Scheduler
 {
   public:
-    Realtime() : start_(Clock::now()) {}
+    Realtime()
+        : start_(Clock::now()), epoch_(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                           std::chrono::system_clock::now().time_since_epoch())
+                                           .count())
+    {
+    }
 
     ~Realtime() override
     {
@@ -36,6 +41,7 @@ class Realtime final : public Scheduler
     {
         return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start_).count();
     }
+    Nanos epoch() const override { return epoch_; }
 
     Thread* spawn(std::string name, std::function<void()> body) override
     {
@@ -134,6 +140,7 @@ class Realtime final : public Scheduler
     }
 
     const Clock::time_point start_;
+    const Nanos epoch_;
     std::mutex state_;
     ThreadTable threads_;
 };

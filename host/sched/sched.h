@@ -46,6 +46,9 @@ class Scheduler
     virtual std::uint64_t seed() const = 0;
     // Nanoseconds since the scheduler was created: virtual in simulated mode.
     virtual Nanos now() = 0;
+    // Calendar time at now() == 0, in nanoseconds since 1970: a fixed date in simulated mode
+    // (a replay sees the same clock), the real clock at creation in realtime mode.
+    virtual Nanos epoch() const = 0;
 
     // Starts a thread running body(). The record lives until the scheduler is destroyed.
     virtual Thread* spawn(std::string name, std::function<void()> body) = 0;

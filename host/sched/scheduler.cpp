@@ -1,10 +1,9 @@
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <random>
 #include <string_view>
 
-#include "sched/thread_record.h"
+#include "host/sched/thread_record.h"
 
 namespace mvgps::sched
 {
@@ -50,8 +49,7 @@ std::uint64_t seed_from_env()
     if (const char* s = std::getenv("MVGPS_SEED"); s != nullptr && *s != '\0')
         return std::strtoull(s, nullptr, 0);
     std::random_device rd;
-    return (std::uint64_t{rd()} << 32) ^ rd() ^
-           static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+    return (std::uint64_t{rd()} << 32) ^ rd();
 }
 
 std::unique_ptr<Scheduler> make_from_env()

@@ -9,7 +9,8 @@
 #include <mutex>
 #include <vector>
 
-#include "sched/thread_record.h"
+#include "host/sched/random.h"
+#include "host/sched/thread_record.h"
 
 namespace mvgps::sched
 {
@@ -17,28 +18,12 @@ namespace
 {
 
 constexpr std::size_t kTraceLinesKept = 200'000;
-
-// splitmix64: small, fast, and the same sequence everywhere.
-class Prng
-{
-  public:
-    explicit Prng(std::uint64_t seed) : state_(seed) {}
-    std::uint64_t next()
-    {
-        std::uint64_t z = (state_ += 0x9E3779B97F4A7C15ULL);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
-        return z ^ (z >> 31);
-    }
-
-  private:
-    std::uint64_t state_;
-};
+constexpr Nanos kSimulatedEpoch = 1'706'745'600 * kSecond; // 2024-02-01 00:00 UTC
 
 class Simulated final : public Scheduler
 {
   public:
-    explicit Simulated(std::uint64_t seed) : seed_(seed), rng_(seed)
+    explicit Simulated(std::uint64_t seed) : seed_(seed), rng_(seed, "schedule")
     {
         Thread* main = add_record(threads_, "main");
         main_lock_ = std::unique_lock<std::mutex>(baton_);
@@ -60,6 +45,7 @@ class Simulated final : public Scheduler
     Mode mode() const override { return Mode::Simulated; }
     std::uint64_t seed() const override { return seed_; }
     Nanos now() override { return now_; }
+    Nanos epoch() const override { return kSimulatedEpoch; }
 
     Thread* spawn(std::string name, std::function<void()> body) override
     {
@@ -254,7 +240,7 @@ class Simulated final : public Scheduler
     }
 
     const std::uint64_t seed_;
-    Prng rng_;
+    Random rng_;
     std::mutex baton_;
     std::unique_lock<std::mutex> main_lock_;
     ThreadTable threads_;

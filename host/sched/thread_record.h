@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::sched
 {

@@ -1,5 +1,5 @@
 // The bug check: a readable report on stderr, then the end of the run.
-#include "verifier/verifier.h"
+#include "host/verifier/verifier.h"
 
 #include <atomic>
 #include <cinttypes>
@@ -8,7 +8,7 @@
 
 #include <unistd.h>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::verifier
 {

@@ -1,11 +1,11 @@
 // The ring of recent events that ends every bug check report.
-#include "verifier/verifier.h"
+#include "host/verifier/verifier.h"
 
 #include <array>
 #include <cstdio>
 #include <mutex>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::verifier
 {

@@ -1,8 +1,8 @@
 #include <cstring>
 
-#include "wdf/device.h"
-#include "wdf/driver.h"
-#include "wdf/rules.h"
+#include "host/wdf/device.h"
+#include "host/wdf/driver.h"
+#include "host/wdf/rules.h"
 
 namespace mvgps::wdf
 {

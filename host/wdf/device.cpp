@@ -1,13 +1,13 @@
-#include "wdf/device.h"
+#include "host/wdf/device.h"
 
 #include <cstdio>
 #include <cstring>
 
-#include "io/names.h"
-#include "kernel/kernel.h"
-#include "wdf/driver.h"
-#include "wdf/request.h"
-#include "wdf/rules.h"
+#include "host/kernel/kernel.h"
+#include "host/wdf/driver.h"
+#include "host/wdf/request.h"
+#include "host/wdf/rules.h"
+#include "host/io/names.h"
 
 namespace mvgps::wdf
 {

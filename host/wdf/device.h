@@ -24,10 +24,10 @@
 #include <string>
 #include <vector>
 
-#include "io/names.h"
-#include "sched/sched.h"
-#include "wdf/host_mutex.h"
-#include "wdf/object.h"
+#include "host/sched/sched.h"
+#include "host/wdf/host_mutex.h"
+#include "host/wdf/object.h"
+#include "host/io/names.h"
 
 namespace mvgps::wdf
 {

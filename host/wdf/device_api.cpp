@@ -1,10 +1,10 @@
 // The driver-facing calls on device init records, devices, child lists and resource lists.
 #include <cstring>
 
-#include "wdf/device.h"
-#include "wdf/driver.h"
-#include "wdf/request.h"
-#include "wdf/rules.h"
+#include "host/wdf/device.h"
+#include "host/wdf/driver.h"
+#include "host/wdf/request.h"
+#include "host/wdf/rules.h"
 
 using namespace mvgps;
 using namespace mvgps::wdf;

@@ -1,11 +1,11 @@
-#include "wdf/driver.h"
+#include "host/wdf/driver.h"
 
 #include <algorithm>
 #include <vector>
 
-#include "sched/sched.h"
-#include "io/fold.h"
-#include "wdf/rules.h"
+#include "host/sched/sched.h"
+#include "host/wdf/rules.h"
+#include "host/io/fold.h"
 
 namespace mvgps::wdf
 {

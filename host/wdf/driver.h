@@ -5,7 +5,7 @@
 #include <map>
 #include <string>
 
-#include "wdf/object.h"
+#include "host/wdf/object.h"
 
 // The system's driver object as the host's loader fills it in before DriverEntry.
 struct _DRIVER_OBJECT {

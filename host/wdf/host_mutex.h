@@ -2,7 +2,7 @@
 // points (a std::mutex held there would stall simulated mode).
 #pragma once
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::wdf
 {

@@ -9,13 +9,12 @@
 #include <cstring>
 #include <vector>
 
-#include "io/names.h"
-#include "kernel/kernel.h"
-#include "wdf/device.h"
-#include "wdf/faults.h"
-#include "wdf/request.h"
-#include "wdf/rules.h"
-#include "wdf/timeout.h"
+#include "host/kernel/kernel.h"
+#include "host/wdf/device.h"
+#include "host/wdf/faults.h"
+#include "host/wdf/request.h"
+#include "host/wdf/rules.h"
+#include "host/io/names.h"
 
 namespace mvgps::wdf
 {
@@ -242,7 +241,8 @@ NTSTATUS send(WDFIOTARGET handle, WDFREQUEST request_handle, const Send& what,
     bool has_timeout =
         options && (options->Flags & WDF_REQUEST_SEND_OPTION_TIMEOUT) && options->Timeout != 0;
     bool ignore_state = options && (options->Flags & WDF_REQUEST_SEND_OPTION_IGNORE_TARGET_STATE);
-    sched::Nanos deadline = has_timeout ? deadline_from(&options->Timeout) : sched::kForever;
+    sched::Nanos deadline =
+        has_timeout ? kernel::deadline_from(&options->Timeout) : sched::kForever;
 
     auto& s = sched::current();
     bool in_flight;

@@ -1,4 +1,4 @@
-#include "wdf/object.h"
+#include "host/wdf/object.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -6,10 +6,10 @@
 #include <cstring>
 #include <unordered_map>
 
-#include "sched/sched.h"
-#include "wdf/driver.h"
-#include "wdf/faults.h"
-#include "wdf/rules.h"
+#include "host/sched/sched.h"
+#include "host/wdf/driver.h"
+#include "host/wdf/faults.h"
+#include "host/wdf/rules.h"
 
 namespace mvgps::wdf
 {

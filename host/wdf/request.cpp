@@ -1,10 +1,10 @@
-#include "wdf/request.h"
+#include "host/wdf/request.h"
 
 #include <algorithm>
 
-#include "kernel/kernel.h"
-#include "wdf/device.h"
-#include "wdf/rules.h"
+#include "host/kernel/kernel.h"
+#include "host/wdf/device.h"
+#include "host/wdf/rules.h"
 
 namespace mvgps::wdf
 {

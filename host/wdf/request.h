@@ -10,9 +10,9 @@
 #include <memory>
 #include <vector>
 
-#include "io/request.h"
-#include "sched/sched.h"
-#include "wdf/object.h"
+#include "host/sched/sched.h"
+#include "host/wdf/object.h"
+#include "host/io/request.h"
 
 namespace mvgps::wdf
 {

@@ -1,7 +1,7 @@
-#include "wdf/rules.h"
+#include "host/wdf/rules.h"
 
-#include "kernel/kernel.h"
-#include "verifier/verifier.h"
+#include "host/kernel/kernel.h"
+#include "host/verifier/verifier.h"
 
 namespace mvgps::wdf
 {

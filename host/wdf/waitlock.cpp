@@ -2,11 +2,10 @@
 // are scheduling points.
 #include <string>
 
-#include "kernel/kernel.h"
-#include "sched/sched.h"
-#include "wdf/object.h"
-#include "wdf/rules.h"
-#include "wdf/timeout.h"
+#include "host/kernel/kernel.h"
+#include "host/sched/sched.h"
+#include "host/wdf/object.h"
+#include "host/wdf/rules.h"
 
 namespace mvgps::wdf
 {
@@ -53,7 +52,7 @@ NTSTATUS WdfWaitLockAcquire(WDFWAITLOCK Lock, PLONGLONG Timeout)
                   "wait lock taken above APC_LEVEL (IRQL " + std::to_string(irql) + ")", irql);
     }
     auto& s = sched::current();
-    sched::Nanos deadline = deadline_from(Timeout);
+    sched::Nanos deadline = kernel::deadline_from(Timeout);
     sched::Thread* me = s.self();
     sched::WaitResult result;
     {

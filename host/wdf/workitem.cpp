@@ -2,8 +2,8 @@
 // at a time; deleting an item waits for its callback to finish.
 #include <vector>
 
-#include "wdf/device.h"
-#include "wdf/rules.h"
+#include "host/wdf/device.h"
+#include "host/wdf/rules.h"
 
 namespace mvgps::wdf
 {

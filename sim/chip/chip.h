@@ -37,7 +37,7 @@
 #include "sim/chip/frame.h"
 #include "sim/chip/nmea.h"
 #include "sim/chip/protocol.h"
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 #include "sim/support/line.h"
 #include "sim/support/random.h"
 

@@ -12,7 +12,7 @@
 #include <optional>
 #include <vector>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::sim::chip
 {

@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::sim::chip
 {

@@ -24,7 +24,7 @@
 #include <string>
 #include <vector>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 #include "sim/support/random.h"
 
 namespace mvgps::sim::chip

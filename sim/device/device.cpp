@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "pnp/system.h"
+#include "host/pnp/system.h"
 
 namespace mvgps::sim
 {
@@ -22,26 +22,43 @@ pnp::NodeConfig node(const DeviceConfig& c)
 } // namespace
 
 HostedDevice::HostedDevice(DeviceConfig config, std::unique_ptr<uart::TtyLine> tty)
-    : connection_id_(config.connection_id), tty_(std::move(tty))
+    : config_(std::move(config)), tty_(std::move(tty))
 {
-    config.port.line.rate = config.rate;
     Line* line = tty_.get();
     if (line == nullptr) {
         wire_ = std::make_unique<uart::Wire>();
-        config.chip.rate = config.rate;
-        chip_ = std::make_unique<chip::Chip>(wire_->b(), config.chip);
+        if (config_.far_end == FarEnd::Peer) {
+            peer_ = std::make_unique<testkit::Client>(wire_->b(), config_.rate);
+        } else {
+            chip::ChipConfig chip = config_.chip;
+            chip.rate = config_.rate;
+            chip_ = std::make_unique<chip::Chip>(wire_->b(), std::move(chip));
+        }
         line = &wire_->a();
     }
-    controller_ = std::make_shared<uart::SerialController>(*line, config.port);
-    pnp::map_resource_hub(connection_id_, controller_);
-    stack_ = std::make_unique<pnp::DeviceStack>(node(config));
+    uart::ControllerConfig port = config_.port;
+    port.line.rate = config_.rate;
+    controller_ = std::make_shared<uart::SerialController>(*line, port);
+    pnp::map_resource_hub(config_.connection_id, controller_);
+    if (!config_.uart_name.empty()) {
+        io::bind(config_.uart_name, controller_);
+    }
+    for (const verifier::FaultRule& rule : config_.faults) {
+        verifier::add_fault(rule);
+    }
+    stack_ = std::make_unique<pnp::DeviceStack>(node(config_));
 }
 
 HostedDevice::~HostedDevice()
 {
     stack_.reset();
-    pnp::unmap_resource_hub(connection_id_);
+    verifier::clear_faults();
+    if (!config_.uart_name.empty()) {
+        io::unbind(config_.uart_name);
+    }
+    pnp::unmap_resource_hub(config_.connection_id);
     controller_.reset();
+    peer_.reset();
     chip_.reset();
     wire_.reset();
     tty_.reset();

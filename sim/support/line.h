@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <span>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::sim
 {

@@ -25,9 +25,9 @@
 #include <memory>
 #include <vector>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 #include "sim/support/line.h"
-#include "io/names.h"
+#include "host/io/names.h"
 
 namespace mvgps::sim::uart
 {

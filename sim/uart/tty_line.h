@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 #include "sim/support/line.h"
 
 namespace mvgps::sim::uart

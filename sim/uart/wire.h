@@ -17,7 +17,7 @@
 #include <deque>
 #include <vector>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 #include "sim/support/line.h"
 #include "sim/support/random.h"
 

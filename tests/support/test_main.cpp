@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace
 {

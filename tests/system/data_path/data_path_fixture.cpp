@@ -19,10 +19,6 @@ constexpr const char* kTwoEpochs =
 
 DataPath::DataPath() : sched_(sched::make_from_env())
 {
-    sim::uart::ControllerConfig config;
-    config.line = {DATA_PATH_DEFAULT_RATE, {}};
-    uart_ = std::make_shared<sim::uart::SerialController>(wire_.a(), config);
-    io::bind(u"\\Device\\DataPathUart", uart_);
     kernel::clear_debug_output();
 }
 
@@ -35,36 +31,32 @@ DataPath::~DataPath()
         sched::current().join(t);
     }
     remove();
-    io::unbind(u"\\Device\\DataPathUart");
-    wdf::faults::clear();
+    device_.reset();
 }
 
 void DataPath::start_with_chip(bool talking, sim::chip::ByteOrder order)
 {
-    sim::chip::ChipConfig config;
-    config.order = order;
-    config.nmea_on = talking;
+    sim::DeviceConfig config = harness::data_path_device(sim::FarEnd::Chip);
+    config.chip.order = order;
+    config.chip.nmea_on = talking;
     if (talking) {
-        config.capture =
+        config.chip.capture =
             std::make_shared<const sim::chip::Capture>(sim::chip::Capture::parse(kTwoEpochs));
     }
-    chip_ = std::make_unique<sim::chip::Chip>(wire_.b(), std::move(config));
-    bring_up();
+    bring_up(std::move(config));
 }
 
 void DataPath::start_with_peer()
 {
-    peer_ = std::make_unique<sim::testkit::Client>(wire_.b(), DATA_PATH_DEFAULT_RATE);
-    bring_up();
+    bring_up(harness::data_path_device(sim::FarEnd::Peer));
 }
 
-void DataPath::bring_up()
+void DataPath::bring_up(sim::DeviceConfig config)
 {
-    pnp::NodeConfig node;
-    node.image = DATA_PATH_DRIVER_PATH;
-    stack_ = std::make_unique<pnp::DeviceStack>(node);
-    ASSERT_EQ(stack_->bring_up(), STATUS_SUCCESS);
-    ops_ = find_data_path_ops(DATA_PATH_DRIVER_PATH);
+    std::string error;
+    device_ = sim::HostedDevice::start(std::move(config), error);
+    ASSERT_NE(device_, nullptr) << error;
+    ops_ = harness::find_data_path_ops(DATA_PATH_DRIVER_PATH);
     ASSERT_NE(ops_, nullptr);
     // The byte order the driver's start-up switches to.
     ops_->SetEndianMode(HCI_LITTLE_ENDIAN);
@@ -78,10 +70,9 @@ void DataPath::remove()
         client_->close();
         client_.reset();
     }
-    if (stack_) {
-        stack_->remove();
-        stack_->unload();
-        stack_.reset();
+    if (device_) {
+        device_->stack().remove();
+        device_->stack().unload();
     }
     ops_ = nullptr;
 }
@@ -146,7 +137,7 @@ bool DataPath::wait_until(const std::function<bool()>& done, sched::Nanos timeou
 std::vector<Frame> DataPath::chip_received(std::uint8_t pid) const
 {
     std::vector<Frame> frames;
-    for (const sim::chip::TraceEntry& e : chip_->trace()) {
+    for (const sim::chip::TraceEntry& e : device_->chip()->trace()) {
         if (!e.sent && e.frame.pid == pid) {
             frames.push_back(e.frame);
         }
@@ -159,7 +150,7 @@ void DataPath::keep_alive()
     keep_alive_ = true;
     helpers_.push_back(sched::current().spawn("keep-alive", [this] {
         for (std::uint32_t seq = 0; keeping_alive(); seq++) {
-            peer_->send(Frame{HCI_PID_STATUS, 0, true, le32(seq)});
+            device_->peer()->send(Frame{HCI_PID_STATUS, 0, true, le32(seq)});
             run_for(25 * kMillisecond);
         }
     }));

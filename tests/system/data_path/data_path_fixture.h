@@ -13,18 +13,14 @@
 #include <string>
 #include <vector>
 
-#include "data_path_ops.h"
-#include "kernel/kernel.h"
+#include "harness/data_path/data_path_ops.h"
+#include "host/kernel/kernel.h"
+#include "host/pnp/client.h"
 #include "link/device/command.h"
-#include "pnp/client.h"
-#include "pnp/stack.h"
 #include "read/read.h"
-#include "sched/sched.h"
-#include "sim/chip/chip.h"
-#include "sim/uart/controller.h"
-#include "sim/uart/wire.h"
-#include "sim_testkit/client.h"
-#include "wdf/faults.h"
+#include "host/sched/sched.h"
+#include "sim/device/device.h"
+#include "host/wdf/faults.h"
 
 namespace mvgps::test
 {
@@ -74,9 +70,9 @@ class DataPath : public testing::Test
 
     FdoExtension& ext() { return *ops_->Extension(); }
     const DATA_PATH_OPS& ops() { return *ops_; }
-    sim::chip::Chip& chip() { return *chip_; }
-    sim::testkit::Client& peer() { return *peer_; }
-    sim::uart::SerialController& uart() { return *uart_; }
+    sim::chip::Chip& chip() { return *device_->chip(); }
+    sim::testkit::Client& peer() { return *device_->peer(); }
+    sim::uart::SerialController& uart() { return device_->controller(); }
 
     std::shared_ptr<pnp::PendingIo> read(std::size_t length = 256);
     std::shared_ptr<pnp::PendingIo> send_cmd(std::uint8_t pid, std::uint8_t sid,
@@ -110,15 +106,11 @@ class DataPath : public testing::Test
     void stop_keep_alive();
 
   private:
-    void bring_up();
+    void bring_up(sim::DeviceConfig config);
     bool keeping_alive();
 
     sched::Install sched_;
-    sim::uart::Wire wire_;
-    std::shared_ptr<sim::uart::SerialController> uart_;
-    std::unique_ptr<sim::chip::Chip> chip_;
-    std::unique_ptr<sim::testkit::Client> peer_;
-    std::unique_ptr<pnp::DeviceStack> stack_;
+    std::unique_ptr<sim::HostedDevice> device_;
     std::unique_ptr<pnp::ClientHandle> client_;
     const DATA_PATH_OPS* ops_ = nullptr;
     bool keep_alive_ = false;

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "kernel/kernel.h"
-#include "verifier/verifier.h"
+#include "host/kernel/kernel.h"
+#include "host/verifier/verifier.h"
 
 namespace mvgps::kernel::test
 {

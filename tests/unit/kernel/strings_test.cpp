@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "kernel/kernel.h"
+#include "host/kernel/kernel.h"
 
 namespace mvgps::kernel::test
 {

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "kernel/kernel.h"
-#include "sched/sched.h"
+#include "host/kernel/kernel.h"
+#include "host/sched/sched.h"
 
 // Exported from the test program, as a driver image exports its thread routines.
 extern "C" VOID StartFunc_Named(PVOID context)

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "../os/os_fixture.h"
 #include "link/codec/hci.h"
+#include "tests/unit/os/os_fixture.h"
 
 namespace mvgps::test
 {

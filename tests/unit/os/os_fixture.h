@@ -7,9 +7,9 @@
 #include <cstdio>
 #include <string>
 
-#include "kernel/kernel.h"
+#include "host/kernel/kernel.h"
 #include "os/os.h"
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::test
 {

@@ -1,6 +1,6 @@
 // Mutexes, signals, threads and delays: the synchronisation services, on simulated time.
 #include "os_fixture.h"
-#include "wdf/faults.h"
+#include "host/wdf/faults.h"
 
 namespace mvgps::test
 {

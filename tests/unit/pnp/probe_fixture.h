@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "kernel/kernel.h"
-#include "pnp/client.h"
-#include "pnp/stack.h"
-#include "probe.h"
-#include "sched/sched.h"
+#include "host/kernel/kernel.h"
+#include "host/pnp/client.h"
+#include "host/pnp/stack.h"
+#include "tests/drivers/probe/probe.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::pnp::test
 {

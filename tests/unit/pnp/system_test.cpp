@@ -5,9 +5,9 @@
 
 #include <string>
 
-#include "kernel/kernel.h"
-#include "pnp/system.h"
-#include "sched/sched.h"
+#include "host/kernel/kernel.h"
+#include "host/pnp/system.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::pnp::test
 {

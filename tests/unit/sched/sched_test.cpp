@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::sched
 {

@@ -1,7 +1,7 @@
 // The chip's protocol as a client on the other end of the wire sees it.
 #include <gtest/gtest.h>
 
-#include "sim_chip/world.h"
+#include "tests/unit/sim_chip/world.h"
 
 namespace mvgps::sim::chip
 {

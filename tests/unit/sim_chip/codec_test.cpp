@@ -1,7 +1,7 @@
 // The chip's frame codec against hand-made byte streams.
 #include <gtest/gtest.h>
 
-#include "sim_chip/world.h"
+#include "tests/unit/sim_chip/world.h"
 
 namespace mvgps::sim::chip
 {

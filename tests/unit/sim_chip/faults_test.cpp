@@ -3,7 +3,7 @@
 
 #include <functional>
 
-#include "sim_chip/world.h"
+#include "tests/unit/sim_chip/world.h"
 
 namespace mvgps::sim::chip
 {

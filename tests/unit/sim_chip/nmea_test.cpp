@@ -6,7 +6,7 @@
 #include <string>
 
 #include "sim/chip/nmea.h"
-#include "sim_testkit/captures.h"
+#include "sim/testkit/captures.h"
 
 namespace mvgps::sim::chip
 {

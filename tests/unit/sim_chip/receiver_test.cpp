@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <sstream>
 
-#include "sim_chip/world.h"
+#include "tests/unit/sim_chip/world.h"
 
 namespace mvgps::sim::chip
 {

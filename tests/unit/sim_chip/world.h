@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <memory>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 #include "sim/chip/chip.h"
 #include "sim/uart/wire.h"
-#include "sim_testkit/client.h"
+#include "sim/testkit/client.h"
 
 namespace mvgps::sim::chip
 {

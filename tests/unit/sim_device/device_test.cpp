@@ -2,11 +2,11 @@
 // Resource Hub, to the simulated controller, the wire and the chip.
 #include <gtest/gtest.h>
 
-#include "pnp/client.h"
-#include "pnp/system.h"
+#include "host/pnp/client.h"
+#include "host/pnp/system.h"
 #include "sim/device/device.h"
-#include "sim_testkit/captures.h"
-#include "sim_testkit/client.h"
+#include "sim/testkit/client.h"
+#include "sim/testkit/captures.h"
 #include "uart_probe.h"
 
 namespace mvgps::sim
@@ -105,6 +105,12 @@ TEST_F(HostedDeviceTest, SynchronousReadsEndAsTheFrameworkReportsThem)
 
 TEST_F(HostedDeviceTest, SaysWhatKeepsItFromStarting)
 {
+    DeviceConfig no_objects = config(UART_PROBE_PATH);
+    verifier::FaultRule rule;
+    rule.site = verifier::Site::Create;
+    rule.when = verifier::FaultRule::When::Every;
+    rule.status = STATUS_INSUFFICIENT_RESOURCES;
+    no_objects.faults = {rule};
     struct Case {
         DeviceConfig config;
         const char* reason;
@@ -112,12 +118,15 @@ TEST_F(HostedDeviceTest, SaysWhatKeepsItFromStarting)
         {config(UART_PROBE_PATH, "/nonexistent.log"), "/nonexistent.log"},
         {config("/nonexistent.so"), "did not start"},
         {config(UART_PROBE_PATH, "", "/dev/ttyS0"), "realtime"},
+        {no_objects, "did not start"},
     };
     for (auto& c : cases) {
         std::string error;
         EXPECT_EQ(HostedDevice::start(c.config, error), nullptr) << c.reason;
         EXPECT_NE(error.find(c.reason), std::string::npos) << error;
     }
+    // The failed device took its fault rules with it.
+    start();
 }
 
 } // namespace

@@ -4,7 +4,7 @@
 
 #include <numeric>
 
-#include "sim_uart/port.h"
+#include "tests/unit/sim_uart/port.h"
 
 namespace mvgps::sim::uart
 {

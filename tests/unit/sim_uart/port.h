@@ -6,11 +6,11 @@
 #include <memory>
 #include <vector>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 #include "sim/uart/controller.h"
 #include "sim/uart/wire.h"
-#include "sim_testkit/client.h"
-#include "io/names.h"
+#include "sim/testkit/client.h"
+#include "host/io/names.h"
 
 namespace mvgps::sim::uart
 {

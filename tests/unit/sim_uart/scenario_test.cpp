@@ -5,7 +5,7 @@
 #include <string>
 
 #include "sim/chip/chip.h"
-#include "sim_uart/port.h"
+#include "tests/unit/sim_uart/port.h"
 
 namespace mvgps::sim::uart
 {

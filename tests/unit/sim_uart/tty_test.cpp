@@ -4,7 +4,7 @@
 
 #include "sim/chip/chip.h"
 #include "sim/uart/tty_line.h"
-#include "sim_uart/port.h"
+#include "tests/unit/sim_uart/port.h"
 
 namespace mvgps::sim::uart
 {

@@ -2,10 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <string>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 #include "sim/uart/wire.h"
-#include "sim_testkit/client.h"
+#include "sim/testkit/client.h"
+#include "host/verifier/faults.h"
 
 namespace mvgps::sim::uart
 {
@@ -143,6 +145,54 @@ TEST(Wire, ImpairmentsHitEveryCharacterWhenCertain)
             // A flip changes one bit; noise comes after the character it follows.
             EXPECT_EQ(__builtin_popcount(b.rx.bytes[i * c.stride] ^ sent[i]), c.imp.flip > 0);
         }
+    }
+}
+
+// Wire noise and injected faults both draw from streams of the run's seed: a replay sees the
+// same of each, and a run that draws faults sees the same noise as one that does not.
+TEST(Wire, NoiseAndFaultsReplayFromTheRunSeedApart)
+{
+    struct Outcome {
+        Bytes received;
+        std::string faults;
+    };
+    auto run = [](std::uint64_t seed, bool draw_faults) {
+        Bench b(seed, {115200, {}}, {115200, {}});
+        b.wire.b().impair({0.2, 0.2, 0.2});
+        verifier::FaultRule rule;
+        rule.when = verifier::FaultRule::When::Random;
+        rule.probability = 0.5;
+        rule.status = -1;
+        verifier::add_fault(rule);
+        Outcome out;
+        for (std::uint8_t byte : counting(64)) {
+            b.send({byte});
+            if (draw_faults) {
+                out.faults += verifier::inject(verifier::Site::Pool, 0) != 0 ? 'x' : '.';
+            }
+        }
+        verifier::clear_faults();
+        run_for(20 * kMs);
+        out.received = b.rx.bytes;
+        return out;
+    };
+    const Outcome first = run(5, true);
+    EXPECT_NE(first.faults.find('x'), std::string::npos);
+    EXPECT_NE(first.faults.find('.'), std::string::npos);
+    struct Case {
+        const char* name;
+        std::uint64_t seed;
+        bool draw_faults;
+        bool same_noise, same_faults;
+    } cases[] = {
+        {"replay", 5, true, true, true},
+        {"no fault drawn", 5, false, true, false},
+        {"another seed", 6, true, false, false},
+    };
+    for (const Case& c : cases) {
+        const Outcome o = run(c.seed, c.draw_faults);
+        EXPECT_EQ(o.received == first.received, c.same_noise) << c.name;
+        EXPECT_EQ(o.faults == first.faults, c.same_faults) << c.name;
     }
 }
 

@@ -6,7 +6,7 @@
 
 #include <functional>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
 namespace mvgps::verifier
 {

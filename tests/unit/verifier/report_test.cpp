@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "sched/sched.h"
-#include "verifier/verifier.h"
+#include "host/sched/sched.h"
+#include "host/verifier/verifier.h"
 
 namespace mvgps::verifier
 {

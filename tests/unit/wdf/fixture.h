@@ -6,9 +6,9 @@
 
 #include <memory>
 
-#include "sched/sched.h"
-#include "wdf/device.h"
-#include "wdf/driver.h"
+#include "host/sched/sched.h"
+#include "host/wdf/device.h"
+#include "host/wdf/driver.h"
 
 namespace mvgps::wdf::test
 {

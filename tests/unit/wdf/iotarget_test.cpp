@@ -5,10 +5,10 @@
 #include <vector>
 
 #include "fixture.h"
+#include "host/wdf/faults.h"
 #include "sim/uart/controller.h"
 #include "sim/uart/wire.h"
-#include "wdf/faults.h"
-#include "io/names.h"
+#include "host/io/names.h"
 
 namespace mvgps::wdf::test
 {

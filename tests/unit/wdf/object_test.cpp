@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "fixture.h"
-#include "wdf/faults.h"
+#include "host/wdf/faults.h"
 
 namespace mvgps::wdf::test
 {

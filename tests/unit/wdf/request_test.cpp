@@ -1,7 +1,7 @@
 #include <vector>
 
 #include "fixture.h"
-#include "wdf/request.h"
+#include "host/wdf/request.h"
 
 namespace mvgps::wdf::test
 {

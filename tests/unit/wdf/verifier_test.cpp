@@ -1,6 +1,6 @@
 #include "fixture.h"
-#include "io/names.h"
-#include "kernel/kernel.h"
+#include "host/kernel/kernel.h"
+#include "host/io/names.h"
 
 namespace mvgps::wdf::test
 {

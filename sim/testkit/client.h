@@ -8,7 +8,7 @@
 #include <span>
 #include <vector>
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 #include "sim/chip/frame.h"
 #include "sim/support/line.h"
 

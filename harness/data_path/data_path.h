@@ -1,6 +1,7 @@
 // The data-path test driver: the driver's real os, link, uart and read code in an image of
 // its own, with just enough device set-up around it to run the read and processing threads
-// over the UART the test binds at DATA_PATH_UART_NAME. Shared by the driver and its tests.
+// over the UART bound at DATA_PATH_UART_NAME. Shared by the driver and the programs that
+// load it.
 //
 // Control codes (buffered):
 //   IOCTL_DATA_PATH_READ      left pending on the read queue; completed with a received frame

@@ -1,8 +1,8 @@
-#include "sim/support/random.h"
+#include "host/sched/random.h"
 
-#include "sched/sched.h"
+#include "host/sched/sched.h"
 
-namespace mvgps::sim
+namespace mvgps::sched
 {
 
 namespace
@@ -41,7 +41,7 @@ Random::Random(std::uint64_t seed, std::string_view stream)
     }
 }
 
-Random::Random(std::string_view stream) : Random(sched::current().seed(), stream) {}
+Random::Random(std::string_view stream) : Random(current().seed(), stream) {}
 
 // xoshiro256**
 std::uint64_t Random::next()
@@ -77,4 +77,4 @@ bool Random::chance(double p)
     return static_cast<double>(next() >> 11) * 0x1.0p-53 < p;
 }
 
-} // namespace mvgps::sim
+} // namespace mvgps::sched

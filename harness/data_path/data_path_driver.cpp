@@ -6,7 +6,7 @@
 
 #include <initguid.h>
 
-#include "data_path.h"
+#include "harness/data_path/data_path.h"
 #include "link/device/command.h"
 #include "read/read.h"
 #include "uart/uart.h"
