@@ -71,7 +71,10 @@ static LONG set_rate_and_format(FdoExtension* Context, ULONG BaudRate)
 _Use_decl_annotations_ LONG change_baudrate(FdoExtension* Context, ULONG BaudRate, ULONG Unused)
 {
     UNREFERENCED_PARAMETER(Unused);
-    // The purge cancels the read in flight, which ends the read thread.
+    // The purge cancels the read in flight, which ends the read thread. A thread between two
+    // reads would start another that the purge no longer reaches, and a line busy at the
+    // old rate could keep it reading; with reads switched off it ends at its next one.
+    WriteULongRelease(&Context->ReadEnable_flag, 0);
     purge_rx(Context);
     await_read_thread(Context);
     trace_rate(Context);
