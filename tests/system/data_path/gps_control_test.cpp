@@ -109,6 +109,9 @@ TEST_P(StartUp, SendsItsStepsInOrderAndStopsAtTheFirstFailure)
     EXPECT_EQ(received_ids(), std::vector<Id>(steps.begin(), steps.begin() + done));
     EXPECT_EQ(ext().DownloadFail_flag, c.failing_write == 0 ? 0u : 1u);
     EXPECT_EQ(chip().state().nmea_on, c.nmea_on_after);
+    // The chip powers up with 1 there; the sequence's memory step clears it.
+    bool cleared = c.failing_write == 0 || c.failing_write > 2;
+    EXPECT_EQ(chip().peek(0x8010A74A, 1), Bytes{static_cast<std::uint8_t>(cleared ? 0 : 1)});
     if (c.message != nullptr) {
         EXPECT_TRUE(logged_by("H4DownloadPatchCode", c.message));
     } else {
@@ -325,29 +328,47 @@ GPS_AGPS_RECORD agps_record(std::uint8_t valid, std::initializer_list<int> slots
     return r;
 }
 
-// The blocks a whole transfer sends, in order.
-std::vector<sim::chip::AgpsBlock> agps_blocks(const GPS_AGPS_RECORD& r)
+// The blocks a whole transfer sends, in order: (sid, bytes).
+std::vector<std::pair<std::uint8_t, Bytes>> agps_blocks(const GPS_AGPS_RECORD& r)
 {
-    auto block = [](std::uint8_t sid, const std::uint8_t* b, std::size_t n) {
-        return sim::chip::AgpsBlock{sid, Bytes(b, b + n)};
+    std::vector<std::pair<std::uint8_t, Bytes>> blocks;
+    auto add = [&](std::uint8_t sid, const std::uint8_t* b, std::size_t n) {
+        blocks.emplace_back(sid, Bytes(b, b + n));
     };
-    std::vector<sim::chip::AgpsBlock> blocks;
     if (r.Valid == 0) {
         return blocks;
     }
-    blocks.push_back(block(0, r.Type0, sizeof(r.Type0)));
+    add(0, r.Type0, sizeof(r.Type0));
     for (int i = 0; i < GPS_AGPS_SLOTS; i++) {
-        if (r.SlotFlags[i] == 0) {
-            continue;
+        if (r.SlotFlags[i] != 0) {
+            add(1, r.Type1[i], sizeof(r.Type1[i]));
+            add(2, r.Type2[i], sizeof(r.Type2[i]));
+            add(3, r.Type31[i], sizeof(r.Type31[i]));
+            add(4, r.Type32[i], sizeof(r.Type32[i]));
+            add(5, r.Type33[i], sizeof(r.Type33[i]));
+            add(6, r.Type4[i], sizeof(r.Type4[i]));
         }
-        blocks.push_back(block(1, r.Type1[i], sizeof(r.Type1[i])));
-        blocks.push_back(block(2, r.Type2[i], sizeof(r.Type2[i])));
-        blocks.push_back(block(3, r.Type31[i], sizeof(r.Type31[i])));
-        blocks.push_back(block(4, r.Type32[i], sizeof(r.Type32[i])));
-        blocks.push_back(block(5, r.Type33[i], sizeof(r.Type33[i])));
-        blocks.push_back(block(6, r.Type4[i], sizeof(r.Type4[i])));
     }
     return blocks;
+}
+
+// What the chip holds after the first `sent` blocks: type 0 starts a set, type 1 a slot.
+sim::chip::Assistance assistance_after(const GPS_AGPS_RECORD& r, std::size_t sent,
+                                       sim::chip::Assistance before)
+{
+    std::vector<std::pair<std::uint8_t, Bytes>> blocks = agps_blocks(r);
+    for (std::size_t i = 0; i < sent; i++) {
+        const auto& [sid, bytes] = blocks[i];
+        if (sid == 0) {
+            before = sim::chip::Assistance{bytes, {}};
+            continue;
+        }
+        if (sid == 1) {
+            before.slots.emplace_back();
+        }
+        before.slots.back().blocks[sid] = bytes;
+    }
+    return before;
 }
 
 TEST_F(GpsControl, AssistanceWalkSendsFlaggedSlotsAndStopsAtTheFirstFailure)
@@ -357,7 +378,7 @@ TEST_F(GpsControl, AssistanceWalkSendsFlaggedSlotsAndStopsAtTheFirstFailure)
         GPS_AGPS_RECORD record;
         std::uint64_t failing_write;
         LONG result;
-        std::size_t sent; // blocks the chip got, from the start of the whole walk
+        std::size_t sent; // blocks the chip got
         const char* message;
     } cases[] = {
         {"not_valid", agps_record(0, {0, 1}), 0, 0, 0, nullptr},
@@ -367,20 +388,22 @@ TEST_F(GpsControl, AssistanceWalkSendsFlaggedSlotsAndStopsAtTheFirstFailure)
         // Type 0, slots 0 to 4 whole, then slot 5's type 1: its type 2 is the 33rd write.
         {"slot5_type2_fails", agps_record(1, {0, 1, 2, 3, 4, 5, 6}), 33, -1, 32,
          "Failed to xfer type2"},
+        {"slot0_type1_fails", agps_record(1, {0}), 2, -1, 1, "Failed to xfer type1"},
         {"slot0_type31_fails", agps_record(1, {0}), 4, -1, 3, "Failed to xfer type31"},
+        {"slot0_type32_fails", agps_record(1, {0}), 5, -1, 4, "Failed to xfer type32"},
+        {"slot0_type33_fails", agps_record(1, {0}), 6, -1, 5, "Failed to xfer type33"},
         {"slot0_type4_fails", agps_record(1, {0}), 7, -1, 6, "Failed to xfer type4"},
     };
     start_with_chip();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        std::size_t before = chip().state().agps.size();
+        sim::chip::Assistance before = chip().state().agps;
+        std::size_t commands = chip_received(HCI_PID_AGPS).size();
         fail_write(c.failing_write);
         EXPECT_EQ(ops().AgpsTx(&ext(), &c.record), c.result);
         settle();
-        std::vector<sim::chip::AgpsBlock> got = chip().state().agps;
-        got.erase(got.begin(), got.begin() + before);
-        std::vector<sim::chip::AgpsBlock> all = agps_blocks(c.record);
-        EXPECT_EQ(got, std::vector<sim::chip::AgpsBlock>(all.begin(), all.begin() + c.sent));
+        EXPECT_EQ(chip_received(HCI_PID_AGPS).size() - commands, c.sent);
+        EXPECT_EQ(chip().state().agps, assistance_after(c.record, c.sent, before));
         if (c.message != nullptr) {
             EXPECT_TRUE(logged_by("hci_command_agps_tx", c.message));
         }
@@ -394,48 +417,81 @@ TEST_F(GpsControl, AssistanceWalkSendsFlaggedSlotsAndStopsAtTheFirstFailure)
 // ---------------------------------------------------------------------------------------
 
 constexpr USHORT kFenceId = 0x1234;
+constexpr std::uint8_t kEntered = 1, kExited = 2;
 
+// A fence that watches for entering only.
 GEOFENCE_PAYLOAD fence(USHORT id)
 {
     GEOFENCE_PAYLOAD p{};
     p.Field1 = id;
-    p.Field2 = 0x01020304;
-    p.Field5 = 1;
+    p.Field2 = 481173000; // latitude, 1e-7 degree
+    p.Field3 = 115166000; // longitude
+    p.Field4 = 100;       // radius, m
+    p.Field5 = kExited;   // last transition
+    p.Field6 = kEntered;  // monitored
+    p.Field7 = 1000;      // notification interval, ms
     return p;
 }
 
-// Statuses 3 and 4 give their results crossed over.
-TEST_F(GpsControl, GeofenceResultFollowsTheChipsStatusForTheExpectedFence)
+GEOFENCE_CMD_PAYLOAD fence_command(USHORT id, std::uint8_t argument = 0)
 {
+    return {{static_cast<UCHAR>(id), static_cast<UCHAR>(id >> 8), argument, 0}};
+}
+
+// The statuses follow what the commands did to the chip's table; statuses 3 and 4 give their
+// results crossed over. A status the table never gives is forced last.
+TEST_F(GpsControl, GeofenceResultsFollowTheChipsTable)
+{
+    start_with_chip();
+    auto add = [&](USHORT id) {
+        GEOFENCE_PAYLOAD p = fence(id);
+        return ops().Geofence(&ext(), id, 0x30, 0, &p, sizeof(p));
+    };
+    auto command = [&](std::uint8_t sid, USHORT id, std::uint8_t argument = 0) {
+        GEOFENCE_CMD_PAYLOAD p = fence_command(id, argument);
+        return ops().GeofenceCmd(&ext(), id, 0x30, sid, &p, sizeof(p));
+    };
     const struct {
-        std::uint8_t status;
+        const char* name;
+        std::function<LONG()> call;
         LONG result;
         const char* text;
-    } cases[] = {
-        {0, 0, "operation success"},
-        {1, GEOFENCE_TOO_MANY, "too many geofences"},
-        {2, GEOFENCE_ID_EXISTS, "geofence id already exists"},
-        {3, GEOFENCE_INVALID_TRANSITION, "invalid transition"},
-        {4, GEOFENCE_UNKNOWN_ID, "unknown geofence id"},
-        {5, GEOFENCE_GENERIC_ERROR, "generic errors"},
-        {9, GEOFENCE_GENERIC_ERROR, "unknown status"},
+    } steps[] = {
+        {"add", [&] { return add(kFenceId); }, 0, "operation success"},
+        {"add_again", [&] { return add(kFenceId); }, GEOFENCE_ID_EXISTS,
+         "geofence id already exists"},
+        {"report_unmonitored", [&] { return command(6, kFenceId, kExited); },
+         GEOFENCE_INVALID_TRANSITION, "invalid transition"},
+        {"query_unknown", [&] { return command(4, 0x9999); }, GEOFENCE_UNKNOWN_ID,
+         "unknown geofence id"},
+        {"pause", [&] { return command(2, kFenceId); }, 0, "operation success"},
+        {"pause_paused", [&] { return command(2, kFenceId); }, GEOFENCE_GENERIC_ERROR,
+         "generic errors"},
+        {"fill_the_table",
+         [&] {
+             LONG r = 0;
+             for (USHORT id = 1; id < 8 && r == 0; id++) {
+                 r = add(id);
+             }
+             return r;
+         },
+         0, "operation success"},
+        {"one_too_many", [&] { return add(8); }, GEOFENCE_TOO_MANY, "too many geofences"},
+        {"status_9",
+         [&] {
+             chip().set_geofence_status(9);
+             return command(4, kFenceId);
+         },
+         GEOFENCE_GENERIC_ERROR, "unknown status"},
     };
-    start_with_chip();
-    const GEOFENCE_PAYLOAD payload = fence(kFenceId);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(static_cast<int>(c.status));
-        chip().set_geofence_status(c.status);
-        EXPECT_EQ(ops().Geofence(&ext(), kFenceId, 0x30, 1, &payload, sizeof(payload)), c.result);
-        EXPECT_TRUE(logged_by("geofence_status", c.text));
+    for (const auto& s : steps) {
+        SCOPED_TRACE(s.name);
+        EXPECT_EQ(s.call(), s.result);
+        EXPECT_TRUE(logged_by("geofence_status", s.text));
         kernel::clear_debug_output();
     }
-    Frame last = chip_received(0x30).back();
-    EXPECT_EQ(last.payload.size(), sizeof(payload));
-    EXPECT_EQ(Bytes(last.payload.begin(), last.payload.begin() + 2), (Bytes{0x34, 0x12}));
-    // The command record's four bytes; the first two name the fence.
-    chip().set_geofence_status(0);
-    const GEOFENCE_CMD_PAYLOAD command = {{0x34, 0x12, 0x05, 0x00}};
-    EXPECT_EQ(ops().GeofenceCmd(&ext(), kFenceId, 0x30, 6, &command, sizeof(command)), 0);
+    EXPECT_EQ(chip().state().geofences.size(), 8u);
+    EXPECT_EQ(chip().state().geofences.at(kFenceId).radius, 100u);
 }
 
 // Refused commands send nothing; an answer about another fence is a failure.
@@ -443,7 +499,7 @@ TEST_F(GpsControl, GeofenceCommandsRefusedOrAnsweredForAnotherFenceFail)
 {
     start_with_chip();
     const GEOFENCE_PAYLOAD payload = fence(kFenceId);
-    const GEOFENCE_CMD_PAYLOAD command = {{0x34, 0x12, 0, 0}};
+    const GEOFENCE_CMD_PAYLOAD command = fence_command(kFenceId);
     const struct {
         const char* name;
         UCHAR pid;
@@ -461,15 +517,17 @@ TEST_F(GpsControl, GeofenceCommandsRefusedOrAnsweredForAnotherFenceFail)
         EXPECT_EQ(ops().Geofence(&ext(), kFenceId, c.pid, c.sid, c.payload, c.length),
                   GEOFENCE_GENERIC_ERROR);
     }
-    EXPECT_EQ(ops().GeofenceCmd(&ext(), kFenceId, 0x30, 0, &command, sizeof(command) + 1),
+    EXPECT_EQ(ops().GeofenceCmd(&ext(), kFenceId, 0x30, 4, &command, sizeof(command) + 1),
               GEOFENCE_GENERIC_ERROR);
     settle();
     EXPECT_TRUE(chip_received(0x30).empty());
     EXPECT_TRUE(chip_received(0x31).empty());
 
+    // The chip names the fence of the command, not the one expected.
     EXPECT_EQ(ops().Geofence(&ext(), kFenceId + 1, 0x30, 0, &payload, sizeof(payload)),
               GEOFENCE_GENERIC_ERROR);
     EXPECT_EQ(chip_received(0x30).size(), 1u);
+    EXPECT_EQ(chip().state().geofences.count(kFenceId), 1u);
 }
 
 } // namespace
