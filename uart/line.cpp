@@ -19,16 +19,17 @@ static VOID trace_rate(FdoExtension* Context)
 }
 
 // The finish signal comes just before the thread leaves this image's code; its object
-// tells when it has.
+// tells when it has. After a switch that stopped early there is no thread to wait for.
 static VOID await_read_thread(FdoExtension* Context)
 {
+    if (Context->ReadThread == NULL) {
+        return;
+    }
     (VOID) OsWaitForSignal(Context->Threadread_FinishSignal, 0);
     OsClearSignal(Context->Threadread_FinishSignal);
-    if (Context->ReadThread != NULL) {
-        (VOID) KeWaitForSingleObject(Context->ReadThread, Executive, KernelMode, FALSE, NULL);
-        ObDereferenceObject(Context->ReadThread);
-        Context->ReadThread = NULL;
-    }
+    (VOID) KeWaitForSingleObject(Context->ReadThread, Executive, KernelMode, FALSE, NULL);
+    ObDereferenceObject(Context->ReadThread);
+    Context->ReadThread = NULL;
 }
 
 // Frames received at the old rate go with it. They are taken off under PacketLock, which
