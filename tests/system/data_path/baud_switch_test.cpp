@@ -31,6 +31,7 @@ struct SwitchCase {
     LONG result;
     bool reading;
     bool after_refused_rate = false; // a switch that stopped early came first
+    friend void PrintTo(const SwitchCase& c, std::ostream* os) { *os << c.name; }
 };
 
 const SwitchCase kSwitchCases[] = {

@@ -80,6 +80,7 @@ struct StartUpCase {
     std::uint64_t failing_write; // 0: none
     const char* message;
     bool nmea_on_after;
+    friend void PrintTo(const StartUpCase& c, std::ostream* os) { *os << c.name; }
 };
 
 const StartUpCase kStartUpCases[] = {
@@ -137,6 +138,7 @@ struct StartCase {
     LONG result;
     std::vector<Id> sent;
     std::vector<std::uint32_t> written;
+    friend void PrintTo(const StartCase& c, std::ostream* os) { *os << c.name; }
 };
 
 // Before initialisation a cold start first sets the chip's control byte behind its guard;
