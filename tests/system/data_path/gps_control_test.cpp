@@ -250,39 +250,40 @@ TEST_F(GpsControl, NmeaOutputStopsAndRestartsTheSentencesAClientReads)
     EXPECT_EQ(sent, (std::vector<Id>{kNmeaOff, kNmeaStart, kNmeaOn}));
 }
 
-// Switching output on sends the start packet first; when that fails, the switch is never
-// sent. Each failed switch says which way it went.
+// Switching output on sends the start packet first; when the chip never takes it, the switch
+// is never sent. Each failed switch says which way it went.
 TEST_F(GpsControl, NmeaAndOptionSwitchesReportTheirFailures)
 {
     const struct {
         const char* name;
         std::function<LONG(const DATA_PATH_OPS&, FdoExtension*)> call;
         std::uint64_t failing_write;
+        std::optional<Fault> fault;
         std::vector<Id> sent;
         const char* function;
         const char* message;
     } cases[] = {
-        {"on_start_fails",
-         [](const DATA_PATH_OPS& ops, FdoExtension* ext) { return ops.SetNmeaOutput(1, ext); },
-         1,
-         {},
-         nullptr,
-         nullptr},
+        {"on_start_unanswered",
+         [](const DATA_PATH_OPS& ops, FdoExtension* ext) { return ops.SetNmeaOutput(1, ext); }, 0,
+         Fault::no_ack(5, 0xFF, 4), std::vector<Id>(5, kNmeaStart), nullptr, nullptr},
         {"on_switch_fails",
          [](const DATA_PATH_OPS& ops, FdoExtension* ext) { return ops.SetNmeaOutput(1, ext); },
          2,
+         std::nullopt,
          {kNmeaStart},
          "set_nmea_switch",
          "enable"},
         {"off_fails",
          [](const DATA_PATH_OPS& ops, FdoExtension* ext) { return ops.SetNmeaOutput(0, ext); },
          1,
+         std::nullopt,
          {},
          "set_nmea_switch",
          "disable"},
         {"option_off_fails",
          [](const DATA_PATH_OPS& ops, FdoExtension* ext) { return ops.SetOutputOption(ext, 0); },
          1,
+         std::nullopt,
          {},
          "set_output_option",
          "disable"},
@@ -292,6 +293,9 @@ TEST_F(GpsControl, NmeaAndOptionSwitchesReportTheirFailures)
         SCOPED_TRACE(c.name);
         std::size_t before = received().size();
         fail_write(c.failing_write);
+        if (c.fault) {
+            chip().inject(*c.fault);
+        }
         EXPECT_EQ(c.call(ops(), &ext()), -1);
         settle();
         std::vector<Id> ids = received_ids();
