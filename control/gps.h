@@ -54,6 +54,13 @@ static_assert(sizeof(GEOFENCE_CMD_PAYLOAD) == 4, "the geofence command payload i
 #define GEOFENCE_INVALID_TRANSITION (-103)
 #define GEOFENCE_GENERIC_ERROR (-149)
 
+// One command that waits for its acknowledgement, as every receiver command is sent.
+_IRQL_requires_max_(PASSIVE_LEVEL) FORCEINLINE LONG
+    gps_send_acked(FdoExtension* Context, UCHAR pid, UCHAR sid, const UCHAR* payload, USHORT length)
+{
+    return xfer_hci_pkt_core(Context, 1, 1, pid, sid, payload, length, NULL, 1);
+}
+
 // The chip start-up, run after both threads are up and on every wake-up: NMEA off, one
 // memory clear, the RF register, NMEA on; payload values little-endian from the first
 // command. TRUE on success; a failed step ends it with DownloadFail_flag set, the steps
@@ -87,13 +94,6 @@ _IRQL_requires_max_(PASSIVE_LEVEL) LONG
 _IRQL_requires_max_(PASSIVE_LEVEL) LONG
     hci_command_geofence(FdoExtension* Context, USHORT expected_id, UCHAR pid, UCHAR sid,
                          const GEOFENCE_CMD_PAYLOAD* payload, USHORT length);
-
-// One command that waits for its acknowledgement, as every receiver command is sent.
-_IRQL_requires_max_(PASSIVE_LEVEL) FORCEINLINE LONG
-    gps_send_acked(FdoExtension* Context, UCHAR pid, UCHAR sid, const UCHAR* payload, USHORT length)
-{
-    return xfer_hci_pkt_core(Context, 1, 1, pid, sid, payload, length, NULL, 1);
-}
 
 // The chip's status byte as a result, its text traced.
 LONG geofence_status(UCHAR status);
