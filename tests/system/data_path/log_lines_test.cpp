@@ -194,13 +194,16 @@ void thread_ends(LogLines& t)
     t.remove();
 }
 
-// The start-up sequence whose RF register step fails, after a whole one.
+// A whole start-up sequence, then one failing at each of its four steps in turn.
 void start_up(LogLines& t)
 {
     t.start();
     EXPECT_TRUE(t.ops().DownloadPatchCode(&t.ext()));
-    wdf::faults::add(wdf::faults::fail_nth_send(3, wdf::faults::Op::Write));
-    EXPECT_FALSE(t.ops().DownloadPatchCode(&t.ext()));
+    for (std::uint64_t step = 1; step <= 4; step++) {
+        wdf::faults::add(wdf::faults::fail_nth_send(step, wdf::faults::Op::Write));
+        EXPECT_FALSE(t.ops().DownloadPatchCode(&t.ext()));
+        wdf::faults::clear();
+    }
 }
 
 void starts(LogLines& t)
@@ -314,7 +317,10 @@ const Scenario kScenarios[] = {
       {DBG_ERROR, "UART_FreeReadResources", "---FdoExtension"}}},
     {"start_up",
      start_up,
-     {{DBG_ERROR, "H4DownloadPatchCode", "Failed to set RF register 0x31 as 0x2A856"}}},
+     {{DBG_ERROR, "H4DownloadPatchCode", "Failed to disable NMEA"},
+      {DBG_ERROR, "H4DownloadPatchCode", "FAIL to hci_write_mem_status1: -1"},
+      {DBG_ERROR, "H4DownloadPatchCode", "Failed to set RF register 0x31 as 0x2A856"},
+      {DBG_ERROR, "H4DownloadPatchCode", "Failed to enable NMEA"}}},
     {"starts",
      starts,
      {{DBG_COMPLETE, "start_gps", "Begin: start_gps!"},
