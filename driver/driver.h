@@ -90,12 +90,16 @@ struct FdoExtension {
     OsSignal* DataFinishSignal;
     OsSignal* Threadread_FinishSignal;
     OsSignal* Threadprocess_FinishSignal;
+    PVOID ProcessThread; // the processing thread's object, kept as ReadThread is
     ULONG DownloadFail_flag;
 
     UCHAR ReadBuffer[FDO_READ_BUFFER_SIZE];
     UCHAR ReadThreadByte;
     volatile ULONG Thread_flag;     // the processing thread runs while 1
     volatile ULONG Threadread_flag; // the read thread runs while 1
+    // The running read thread's object, kept by whoever starts the thread so that every stop
+    // can wait for the thread to be gone before its code may be unloaded.
+    PVOID ReadThread;
     volatile ULONG ReadEnable_flag; // reads may be sent; a cancelled read clears it
     volatile ULONG HwPrepared_flag;
     hci_circ RecvCirc;

@@ -74,9 +74,6 @@ _Use_decl_annotations_ NTSTATUS UART_AllocateReadResources(WDFDEVICE Device)
     }
 
     MvDbgPrint(DBG_ERROR, "-UART_AllocateReadResources Status(0x%x)", status);
-    if (!NT_SUCCESS(status)) {
-        UART_FreeReadResources(Device);
-    }
     return status;
 }
 
