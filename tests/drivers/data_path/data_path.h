@@ -11,7 +11,7 @@
 // the image exports as DataPathOps.
 #pragma once
 
-#include "driver/driver.h"
+#include "control/gps.h"
 
 #define DATA_PATH_UART_NAME L"\\Device\\DataPathUart"
 #define DATA_PATH_DEFAULT_RATE 921600u
@@ -42,6 +42,19 @@ struct DATA_PATH_OPS {
     NTSTATUS(*HalRead)
     (WDFIOTARGET IoTarget, WDFREQUEST Request, ULONG IoControlCode, ULONG Length, PVOID Buffer,
      PULONG_PTR BytesRead, FdoExtension* Context);
+    // GPS control and the rate switch.
+    BOOLEAN (*DownloadPatchCode)(FdoExtension* Context);
+    LONG (*StartGps)(FdoExtension* Context, ULONG mode);
+    LONG (*SetNmeaOutput)(ULONG on, FdoExtension* Context);
+    LONG (*SetOutputOption)(FdoExtension* Context, UCHAR on);
+    LONG (*AgpsTx)(FdoExtension* Context, const GPS_AGPS_RECORD* record);
+    LONG(*Geofence)
+    (FdoExtension* Context, USHORT expected_id, UCHAR pid, UCHAR sid,
+     const GEOFENCE_PAYLOAD* payload, USHORT length);
+    LONG(*GeofenceCmd)
+    (FdoExtension* Context, USHORT expected_id, UCHAR pid, UCHAR sid,
+     const GEOFENCE_CMD_PAYLOAD* payload, USHORT length);
+    LONG (*ChangeBaudrate)(FdoExtension* Context, ULONG BaudRate, ULONG Unused);
 };
 
 typedef const DATA_PATH_OPS* DATA_PATH_OPS_FN();

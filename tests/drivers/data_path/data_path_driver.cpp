@@ -9,12 +9,13 @@
 #include "data_path.h"
 #include "link/command.h"
 #include "read/read.h"
+#include "uart/line.h"
 #include "uart/uart.h"
 
 static FdoExtension* g_Extension;
-// The threads' objects: a thread may still be on its way out of this image's code after its
+// The processing thread's object (the read thread's is in the context, where the rate
+// switch replaces it): a thread may still be on its way out of this image's code after its
 // finish signal, so the stopper also waits for the thread itself before the image can go.
-static PVOID g_ReadThread;
 static PVOID g_ProcessThread;
 
 extern "C" DRIVER_INITIALIZE DriverEntry;
@@ -41,9 +42,11 @@ static VOID AwaitThread(PVOID* thread)
 
 // In the order of the table's fields.
 static const DATA_PATH_OPS g_Ops = {
-    DataPathExtension,   xfer_hci_pkt_core,     hci_write_mem_core,  hci_read_mem_core,
-    read_chip_ctrl_byte, set_chip_ctrl_byte,    set_hci_endian_mode, SerialSendIoSync,
-    SerialReadFromSync,  HalReadFromDeviceSync,
+    DataPathExtension,    xfer_hci_pkt_core,     hci_write_mem_core,  hci_read_mem_core,
+    read_chip_ctrl_byte,  set_chip_ctrl_byte,    set_hci_endian_mode, SerialSendIoSync,
+    SerialReadFromSync,   HalReadFromDeviceSync, H4DownloadPatchCode, start_gps,
+    set_nmea_output,      set_output_option,     hci_command_agps_tx, hci_command_geofence,
+    hci_command_geofence, change_baudrate,
 };
 
 EXTERN_C const DATA_PATH_OPS* DataPathOps()
@@ -145,7 +148,7 @@ static NTSTATUS StartDataPath(FdoExtension* ext)
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     InitializeListHead(&ext->ReadDataList);
-    status = OsCreateThread(StartFunc_GPS, ext, 0, &g_ReadThread);
+    status = OsCreateThread(StartFunc_GPS, ext, 0, &ext->ReadThread);
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -173,10 +176,13 @@ static NTSTATUS DataPathReleaseHardware(WDFDEVICE Device, WDFCMRESLIST Translate
     if (ReadULongAcquire(&ext->Threadread_flag) == 1) {
         WriteULongRelease(&ext->Threadread_flag, 0);
         MvDbgPrint(DBG_ERROR, "Threadread_flag is NULL");
-        (VOID) OsWaitForSignal(ext->Threadread_FinishSignal, 0);
-        OsClearSignal(ext->Threadread_FinishSignal);
+        // A rate switch that stopped half way left no read thread to wait for.
+        if (ext->ReadThread != NULL) {
+            (VOID) OsWaitForSignal(ext->Threadread_FinishSignal, 0);
+            OsClearSignal(ext->Threadread_FinishSignal);
+        }
     }
-    AwaitThread(&g_ReadThread);
+    AwaitThread(&ext->ReadThread);
     if (ReadULongAcquire(&ext->Thread_flag) == 1) {
         WriteULongRelease(&ext->Thread_flag, 0);
         MvDbgPrint(DBG_ERROR, "Thread_flag is NULL");
