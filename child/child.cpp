@@ -38,17 +38,16 @@ _Use_decl_annotations_ NTSTATUS AddChild(WDFDEVICE Device, PWCHAR HardwareIds,
     return status == STATUS_OBJECT_NAME_EXISTS ? STATUS_INVALID_PARAMETER : status;
 }
 
-_Use_decl_annotations_ NTSTATUS
-FdoEvtDeviceListCreatePdo(WDFCHILDLIST ChildList,
-                          PWDF_CHILD_IDENTIFICATION_DESCRIPTION_HEADER IdentificationDescription,
-                          PWDFDEVICE_INIT ChildInit)
+_Use_decl_annotations_ NTSTATUS FdoEvtDeviceListCreatePdo(
+    WDFCHILDLIST ChildList, PWDF_CHILD_IDENTIFICATION_DESCRIPTION_HEADER IdentificationDescription,
+    PWDFDEVICE_INIT ChildInit)
 {
     PAGED_CODE();
     MvDbgPrint(DBG_ERROR, "++FdoEvtDeviceListCreatePdo");
     PDO_IDENTIFICATION_DESCRIPTION* description =
         CONTAINING_RECORD(IdentificationDescription, PDO_IDENTIFICATION_DESCRIPTION, Header);
-    return PdoCreateDynamic(WdfChildListGetDevice(ChildList), ChildInit,
-                            description->HardwareIds, description->SerialNo);
+    return PdoCreateDynamic(WdfChildListGetDevice(ChildList), ChildInit, description->HardwareIds,
+                            description->SerialNo);
 }
 
 // Ids and texts, in the order the framework wants them before the device is created.

@@ -5,12 +5,12 @@
 
 // The sleep-status query (IOCTL_VC_GPS_GET_SLEEP_STATUS) is offered on the parent only.
 static const ULONG PdoForwardedCodes[] = {
-    IOCTL_VC_GPS_WAKEUP,         IOCTL_VC_GPS_START_READ,        IOCTL_VC_GPS_SLEEP,
-    IOCTL_VC_GPS_ENABLE_NMEA,    IOCTL_VC_GPS_DISABLE_NMEA,      IOCTL_VC_GPS_NMEA_OFF,
-    IOCTL_VC_GPS_STARTUP,        IOCTL_VC_GPS_AGPS_DATA,         IOCTL_VC_GPS_GET_DOWNLOAD_FLAG,
-    IOCTL_VC_GPS_SENDCMD_ACK,    IOCTL_VC_GPS_GEOFENCE_SET,      IOCTL_VC_SET_LOG_GPS_SENDCMD,
-    IOCTL_VC_GPS_FEATURE_OFF,    IOCTL_VC_GPS_GEOFENCE_CMD,      PDO_NEITHER_CODE(0),
-    PDO_NEITHER_CODE(1),         PDO_NEITHER_CODE(2),            PDO_NEITHER_CODE(3),
+    IOCTL_VC_GPS_WAKEUP,      IOCTL_VC_GPS_START_READ,   IOCTL_VC_GPS_SLEEP,
+    IOCTL_VC_GPS_ENABLE_NMEA, IOCTL_VC_GPS_DISABLE_NMEA, IOCTL_VC_GPS_NMEA_OFF,
+    IOCTL_VC_GPS_STARTUP,     IOCTL_VC_GPS_AGPS_DATA,    IOCTL_VC_GPS_GET_DOWNLOAD_FLAG,
+    IOCTL_VC_GPS_SENDCMD_ACK, IOCTL_VC_GPS_GEOFENCE_SET, IOCTL_VC_SET_LOG_GPS_SENDCMD,
+    IOCTL_VC_GPS_FEATURE_OFF, IOCTL_VC_GPS_GEOFENCE_CMD, PDO_NEITHER_CODE(0),
+    PDO_NEITHER_CODE(1),      PDO_NEITHER_CODE(2),       PDO_NEITHER_CODE(3),
     PDO_NEITHER_CODE(4),
 };
 static_assert(sizeof(PdoForwardedCodes) / sizeof(PdoForwardedCodes[0]) == 19,
@@ -34,7 +34,7 @@ _Use_decl_annotations_ VOID PdoIoQuDeviceControl(WDFQUEUE Queue, WDFREQUEST Requ
                (int)OutputBufferLength);
     if (!forwarded(IoControlCode)) {
         MvDbgPrint(DBG_CHILD, "Unexpected IOCTL_(0x%x, Func %d)", IoControlCode,
-                   (int)((IoControlCode >> 2) & 0xFFF));
+                   (int)MVGPS_CTL_FUNCTION(IoControlCode));
         WdfRequestComplete(Request, STATUS_INVALID_PARAMETER);
         return;
     }

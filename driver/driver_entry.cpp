@@ -6,7 +6,6 @@
 
 #include "child/child.h"
 #include "control/control.h"
-#include "control/dispatch.h"
 #include "driver/lifecycle.h"
 
 #define BAUD_RATE_DEFAULT 9600
@@ -64,14 +63,13 @@ _Use_decl_annotations_ VOID DriverSetDeviceCallbackEvents(PWDFDEVICE_INIT Device
     MvDbgPrint(DBG_ENTRY, "WdfDeviceInit SetPowerPolicyEventCallbacks");
 }
 
-_Use_decl_annotations_ NTSTATUS ReadParameterULong(WDFDRIVER Driver, PCWSTR ValueName,
-                                                   PULONG Value)
+_Use_decl_annotations_ NTSTATUS ReadParameterULong(WDFDRIVER Driver, PCWSTR ValueName, PULONG Value)
 {
     PAGED_CODE();
     *Value = 0;
     WDFKEY key;
-    NTSTATUS status = WdfDriverOpenParametersRegistryKey(Driver, GENERIC_READ,
-                                                         WDF_NO_OBJECT_ATTRIBUTES, &key);
+    NTSTATUS status =
+        WdfDriverOpenParametersRegistryKey(Driver, GENERIC_READ, WDF_NO_OBJECT_ATTRIBUTES, &key);
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -105,7 +103,6 @@ static NTSTATUS create_default_queue(WDFDEVICE device)
     WDF_IO_QUEUE_CONFIG config;
     WDF_IO_QUEUE_CONFIG_INIT_DEFAULT_QUEUE(&config, WdfIoQueueDispatchParallel);
     config.PowerManaged = WdfTrue;
-    config.EvtIoDeviceControl = FdoIoQuDeviceControl;
     return WdfIoQueueCreate(device, &config, WDF_NO_OBJECT_ATTRIBUTES, WDF_NO_HANDLE);
 }
 

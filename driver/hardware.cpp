@@ -16,14 +16,16 @@ static BOOLEAN record_connection(FdoExtension* ext, const CM_PARTIAL_RESOURCE_DE
     id.HighPart = (LONG)d->u.Connection.IdHighPart;
     UCHAR cls = d->u.Connection.Class;
     UCHAR type = d->u.Connection.Type;
-    if (cls == CM_RESOURCE_CONNECTION_CLASS_SERIAL && type == CM_RESOURCE_CONNECTION_TYPE_SERIAL_UART) {
+    if (cls == CM_RESOURCE_CONNECTION_CLASS_SERIAL &&
+        type == CM_RESOURCE_CONNECTION_TYPE_SERIAL_UART) {
         ext->UartConnectionId = id;
         MvDbgPrintAs("FdoFindConnectResources", DBG_TRACE,
                      "UART Connection ID is found. UART ConnectionID (0x%x, 0x%x)",
                      (ULONG)id.HighPart, id.LowPart);
         return TRUE;
     }
-    if (cls == CM_RESOURCE_CONNECTION_CLASS_SERIAL && type == CM_RESOURCE_CONNECTION_TYPE_SERIAL_I2C) {
+    if (cls == CM_RESOURCE_CONNECTION_CLASS_SERIAL &&
+        type == CM_RESOURCE_CONNECTION_TYPE_SERIAL_I2C) {
         ext->I2cConnectionId = id;
         MvDbgPrintAs("FdoFindConnectResources", DBG_TRACE, " I2C ConnectionID (0x%x, 0x%x)",
                      (ULONG)id.HighPart, id.LowPart);
@@ -45,8 +47,7 @@ static BOOLEAN record_connection(FdoExtension* ext, const CM_PARTIAL_RESOURCE_DE
     return FALSE;
 }
 
-_Use_decl_annotations_ NTSTATUS FdoFindConnectResources(WDFDEVICE Device,
-                                                        WDFCMRESLIST ResourcesRaw,
+_Use_decl_annotations_ NTSTATUS FdoFindConnectResources(WDFDEVICE Device, WDFCMRESLIST ResourcesRaw,
                                                         WDFCMRESLIST ResourcesTranslated)
 {
     PAGED_CODE();

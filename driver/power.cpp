@@ -20,7 +20,8 @@ static VOID resume_device(FdoExtension* ext)
     (VOID) H4DownloadPatchCode(ext);
 }
 
-_Use_decl_annotations_ NTSTATUS FdoDevD0Entry(WDFDEVICE Device, WDF_POWER_DEVICE_STATE PreviousState)
+_Use_decl_annotations_ NTSTATUS FdoDevD0Entry(WDFDEVICE Device,
+                                              WDF_POWER_DEVICE_STATE PreviousState)
 {
     FdoExtension* ext = FdoGetExtension(Device);
     MvDbgPrint(DBG_ENTRY, "");

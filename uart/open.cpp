@@ -50,7 +50,8 @@ _Use_decl_annotations_ NTSTATUS FdoOpenDevice(WDFDEVICE Device, WDFIOTARGET* IoT
     DECLARE_UNICODE_STRING_SIZE(path, RESOURCE_HUB_PATH_SIZE);
     PZZWSTR list = NULL;
     if (ext->UartConnectionId.QuadPart != 0) {
-        MvDbgPrint(DBG_TRACE, "RESOURCE_HUB_CREATE_PATH_FROM_ID: UARTConnectionId:Low(0x%x)High(0x%x)",
+        MvDbgPrint(DBG_TRACE,
+                   "RESOURCE_HUB_CREATE_PATH_FROM_ID: UARTConnectionId:Low(0x%x)High(0x%x)",
                    ext->UartConnectionId.LowPart, (ULONG)ext->UartConnectionId.HighPart);
         status = RESOURCE_HUB_CREATE_PATH_FROM_ID(&path, ext->UartConnectionId.LowPart,
                                                   (ULONG)ext->UartConnectionId.HighPart);

@@ -634,8 +634,7 @@ typedef struct _EVENT_FILTER_DESCRIPTOR {
 } EVENT_FILTER_DESCRIPTOR, *PEVENT_FILTER_DESCRIPTOR;
 typedef VOID(NTAPI* PETWENABLECALLBACK)(LPCGUID SourceId, ULONG ControlCode, UCHAR Level,
                                         ULONGLONG MatchAnyKeyword, ULONGLONG MatchAllKeyword,
-                                        PEVENT_FILTER_DESCRIPTOR FilterData,
-                                        PVOID CallbackContext);
+                                        PEVENT_FILTER_DESCRIPTOR FilterData, PVOID CallbackContext);
 EXTERN_C_START
 NTKERNELAPI NTSTATUS NTAPI EtwRegister(LPCGUID ProviderId, PETWENABLECALLBACK EnableCallback,
                                        PVOID CallbackContext, PREGHANDLE RegHandle);

@@ -77,6 +77,7 @@ std::size_t registered_providers()
 
 } // namespace mvgps::kernel
 
+using mvgps::kernel::kKeepEvents;
 using mvgps::kernel::tracing;
 
 extern "C" {
@@ -108,8 +109,7 @@ BOOLEAN EtwProviderEnabled(REGHANDLE RegHandle, UCHAR, ULONGLONG)
     return it != t.providers.end() && t.enabled(it->second);
 }
 
-NTSTATUS EtwWriteString(REGHANDLE RegHandle, UCHAR Level, ULONGLONG Keyword, LPCGUID,
-                        PCWSTR String)
+NTSTATUS EtwWriteString(REGHANDLE RegHandle, UCHAR Level, ULONGLONG Keyword, LPCGUID, PCWSTR String)
 {
     auto& t = tracing();
     std::lock_guard lock(t.mutex);
