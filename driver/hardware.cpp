@@ -2,6 +2,7 @@
 // context, the idle policy, device initialisation and the work item that adds the child.
 #include "child/child.h"
 #include "driver/lifecycle.h"
+#include "read/read.h"
 #include "uart/uart.h"
 
 #define FDO_GPIO_SLOTS 3
@@ -173,13 +174,6 @@ _Use_decl_annotations_ NTSTATUS FdoDevPrepareHardware(WDFDEVICE Device, WDFCMRES
     return status;
 }
 
-static VOID free_signal(OsSignal** signal)
-{
-    if (*signal != NULL) {
-        OsFreeSignal(signal);
-    }
-}
-
 // Also the clean-up after a failed preparation, so every step copes with what was never made.
 _Use_decl_annotations_ NTSTATUS FdoDevReleaseHardware(WDFDEVICE Device,
                                                       WDFCMRESLIST ResourcesTranslated)
@@ -194,13 +188,7 @@ _Use_decl_annotations_ NTSTATUS FdoDevReleaseHardware(WDFDEVICE Device,
         WdfIoTargetStop(ext->UartIoTarget, WdfIoTargetCancelSentIo);
         FdoStopThreads(ext, TRUE, __FUNCTION__);
     }
-    free_signal(&ext->DeviceAssocFinishSignal);
-    if (ext->hci_wr_mutex != NULL) {
-        OsFreeMutex(&ext->hci_wr_mutex);
-    }
-    free_signal(&ext->DataFinishSignal);
-    free_signal(&ext->Threadread_FinishSignal);
-    free_signal(&ext->Threadprocess_FinishSignal);
+    UART_FreeSignals(ext);
 
     MvDbgPrint(DBG_ERROR, "FdoDevReleaseHardware\n");
     if (ext->UartIoTarget != NULL) {

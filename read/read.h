@@ -34,3 +34,6 @@ _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS UART_AllocateReadResources(WDFDEVICE
 // Drains both packet lists and releases the read resources, the acknowledgement buffer, the
 // signals and the mutex; what was never made is skipped. Both threads must have ended.
 _IRQL_requires_max_(PASSIVE_LEVEL) VOID UART_FreeReadResources(WDFDEVICE Device);
+// The four signals and the transmit mutex, each only if present, in their order of creation
+// with the mutex after the first signal. Both threads must have ended.
+_IRQL_requires_max_(PASSIVE_LEVEL) VOID UART_FreeSignals(FdoExtension* Context);

@@ -47,6 +47,11 @@ struct FailureCase {
     const char* line;
 };
 
+void PrintTo(const FailureCase& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
 // Each set-up step failing in turn; the unload after each stops the run on anything left.
 const FailureCase kFailureCases[] = {
     {"io_target", wdf::faults::fail_nth_create(1, wdf::Kind::IoTarget),

@@ -17,6 +17,11 @@ struct ResourceCase {
     std::vector<std::string> lines; // logged, in this order
 };
 
+void PrintTo(const ResourceCase& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
 std::vector<CM_PARTIAL_RESOURCE_DESCRIPTOR> uart_and_gpio(int gpio)
 {
     std::vector<CM_PARTIAL_RESOURCE_DESCRIPTOR> r{pnp::uart_connection(kUartId)};
@@ -117,6 +122,11 @@ struct RateCase {
     std::uint32_t line_rate; // what the UART runs at afterwards
     const char* line;
 };
+
+void PrintTo(const RateCase& c, std::ostream* os)
+{
+    *os << c.name;
+}
 
 // The value is the rate itself and is sent unchecked: 0 is refused by the UART, which fails
 // the start. (At 9600 the chip's own chatter outlasts the read thread's read timeout, so
