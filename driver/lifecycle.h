@@ -11,8 +11,6 @@
 
 #include "driver/driver.h"
 
-#define FDO_SERIAL_NO 4097
-
 extern "C" DRIVER_INITIALIZE DriverEntry;
 EVT_WDF_OBJECT_CONTEXT_CLEANUP DriverCleanup;
 EVT_WDF_DRIVER_DEVICE_ADD DriverDeviceAdd;

@@ -26,17 +26,30 @@ DriverTest::DriverTest() : sched_(sched::make_from_env())
 DriverTest::~DriverTest()
 {
     remove();
-    EXPECT_EQ(kernel::registered_providers(), 0u) << "the trace provider outlived the driver";
     kernel::enable_trace(kTraceProvider, false);
+    wdf::faults::clear();
+}
+
+void DriverTest::remove()
+{
+    if (stack_) {
+        stack_->remove();
+        stack_->unload();
+        stack_.reset();
+        EXPECT_EQ(kernel::registered_providers(), 0u) << "the trace provider outlived the driver";
+    }
     if (serial_port_) {
         pnp::remove_serial_port(kSerialPort);
+        serial_port_ = false;
     }
     pnp::unmap_resource_hub(kUartId);
-    wdf::faults::clear();
+    uart_.reset();
+    chip_.reset();
 }
 
 NTSTATUS DriverTest::start(const Node& node, std::uint32_t chip_rate)
 {
+    remove();
     if (chip_rate == 0) {
         chip_rate = node.baud_rate.value_or(9600);
     }
@@ -70,15 +83,6 @@ void DriverTest::start_running(const Node& node)
 {
     ASSERT_EQ(start(node), STATUS_SUCCESS);
     ASSERT_TRUE(stack_->wait_for_children(1, sched::current().now() + kSecond));
-}
-
-void DriverTest::remove()
-{
-    if (stack_) {
-        stack_->remove();
-        stack_->unload();
-        stack_.reset();
-    }
 }
 
 // The image stays the PnP manager's: a handle of our own would keep it mapped after unload.

@@ -52,6 +52,7 @@ class DriverTest : public testing::Test
     NTSTATUS start(const Node& node = {}, std::uint32_t chip_rate = 0);
     // Starts, expects success and waits for the child.
     void start_running(const Node& node = {});
+    // Removes the device, unloads the driver and takes the world down.
     void remove();
 
     pnp::DeviceStack& stack() { return *stack_; }

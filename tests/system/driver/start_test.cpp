@@ -93,27 +93,32 @@ TEST_P(Resources, StartAsTheResourcesAllow)
 INSTANTIATE_TEST_SUITE_P(Driver, Resources, testing::ValuesIn(kResourceCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(DriverTest, RecordsThreeGpioConnectionsInResourceOrder)
-{
-    Node node;
-    node.resources = uart_and_gpio(5);
-    start_running(node);
-    EXPECT_EQ(ext().UartConnectionId.QuadPart, static_cast<LONGLONG>(kUartId));
-    for (int i = 0; i < 3; i++) {
-        EXPECT_EQ(ext().GpioConnectionId[i].QuadPart, 0x100 + i);
-    }
-}
-
+// Idle in S0 stays off whether or not the resources name a UART; only who may change it and
+// the power-up on system wake follow them.
 TEST_F(DriverTest, IdleStaysOffEitherWay)
 {
-    start_running();
-    const auto& idle = stack().fdo()->idle_settings();
-    ASSERT_TRUE(idle.has_value());
-    EXPECT_EQ(idle->Enabled, WdfFalse);
-    EXPECT_EQ(idle->IdleCaps, IdleCannotWakeFromS0);
-    EXPECT_EQ(idle->DxState, PowerDeviceD3);
-    EXPECT_EQ(idle->UserControlOfIdleSettings, IdleDoNotAllowUserControl);
-    EXPECT_EQ(idle->PowerUpIdleDeviceOnSystemWake, WdfFalse);
+    struct {
+        bool uart_resource;
+        WDF_POWER_POLICY_S0_IDLE_USER_CONTROL user_control;
+        WDF_TRI_STATE power_up_on_wake;
+    } cases[] = {{true, IdleDoNotAllowUserControl, WdfFalse},
+                 {false, IdleAllowUserControl, WdfTrue}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.uart_resource);
+        Node node;
+        node.resources =
+            c.uart_resource ? node.resources : std::vector<CM_PARTIAL_RESOURCE_DESCRIPTOR>{};
+        node.serial_port = !c.uart_resource;
+        start_running(node);
+        const auto& idle = stack().fdo()->idle_settings();
+        ASSERT_TRUE(idle.has_value());
+        EXPECT_EQ(idle->Enabled, WdfFalse);
+        EXPECT_EQ(idle->IdleCaps, IdleCannotWakeFromS0);
+        EXPECT_EQ(idle->DxState, PowerDeviceD3);
+        EXPECT_EQ(idle->UserControlOfIdleSettings, c.user_control);
+        EXPECT_EQ(idle->PowerUpIdleDeviceOnSystemWake, c.power_up_on_wake);
+        remove();
+    }
 }
 
 struct RateCase {
