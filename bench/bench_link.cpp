@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "link/hci.h"
+#include "link/codec/hci.h"
 #include "os/debug_log.h"
 #include "receive_path.h"
 

@@ -6,7 +6,7 @@
 #include <fstream>
 #include <random>
 
-#include "link/hci.h"
+#include "link/codec/hci.h"
 
 namespace mvgps::bench
 {

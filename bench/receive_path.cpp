@@ -1,6 +1,6 @@
 #include "receive_path.h"
 
-#include "link/hci.h"
+#include "link/codec/hci.h"
 
 namespace mvgps::bench
 {

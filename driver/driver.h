@@ -15,7 +15,7 @@
 #include <ntddk.h>
 #include <wdf.h>
 
-#include "link/hci.h"
+#include "link/codec/hci.h"
 #include "os/os.h"
 
 // The chip answers a memory read of the largest size, 2048 bytes, with a frame of 2048 + 14
@@ -85,6 +85,9 @@ struct FdoExtension {
     volatile UCHAR WaitAckSid;
     PUCHAR AckBuffer; // FDO_ACK_BUFFER_SIZE bytes
     USHORT AckLength;
+    // The size device set-up allocated for AckBuffer, set with it: every copy into the
+    // buffer is bounded by it, 0 while there is no buffer.
+    USHORT AckBufferSize;
     OsSignal* DeviceAssocFinishSignal;
     OsMutex* hci_wr_mutex;
     OsSignal* DataFinishSignal;

@@ -2,6 +2,9 @@
 // the manual queue, one frame per request, on the processing thread and in the dispatcher.
 #include "read/read.h"
 
+// The helpers below print under the name of the routine they work for.
+#define QUEUE_FN "UART_ProcessReadQueue"
+
 // Writes the header, then the frame when the whole record fits. Returns the completion
 // status and sets *information.
 static NTSTATUS fill_read_buffer(PUCHAR buffer, size_t size, const PacketEntry* entry,
@@ -11,8 +14,9 @@ static NTSTATUS fill_read_buffer(PUCHAR buffer, size_t size, const PacketEntry* 
     // The header is written before the size test, as clients have always seen it; a buffer
     // too small even for the header gets nothing.
     if (size < READ_COMPLETION_HEADER_SIZE) {
-        MvDbgPrint(DBG_ERROR, "Error: Buffer too small!!! BufferSize(%d)<BytesToReturn(%d)",
-                   (int)size, entry->Length + READ_COMPLETION_HEADER_SIZE);
+        MvDbgPrintAs(QUEUE_FN, DBG_ERROR,
+                     "Error: Buffer too small!!! BufferSize(%d)<BytesToReturn(%d)", (int)size,
+                     entry->Length + READ_COMPLETION_HEADER_SIZE);
         return STATUS_BUFFER_TOO_SMALL;
     }
     buffer[0] = READ_COMPLETION_TYPE;
@@ -21,8 +25,9 @@ static NTSTATUS fill_read_buffer(PUCHAR buffer, size_t size, const PacketEntry* 
 
     ULONG_PTR to_return = (ULONG_PTR)entry->Length + READ_COMPLETION_HEADER_SIZE;
     if (to_return > size) {
-        MvDbgPrint(DBG_ERROR, "Error: Buffer too small!!! BufferSize(%d)<BytesToReturn(%d)",
-                   (int)size, (int)to_return);
+        MvDbgPrintAs(QUEUE_FN, DBG_ERROR,
+                     "Error: Buffer too small!!! BufferSize(%d)<BytesToReturn(%d)", (int)size,
+                     (int)to_return);
         return STATUS_BUFFER_TOO_SMALL;
     }
     RtlCopyMemory(buffer + READ_COMPLETION_HEADER_SIZE, entry->Packet, entry->Length);
@@ -39,9 +44,9 @@ static BOOLEAN complete_read(FdoExtension* ext, WDFREQUEST request, PacketEntry*
     NTSTATUS status = WdfRequestRetrieveOutputMemory(request, &memory);
     *result = status;
     if (!NT_SUCCESS(status)) {
-        MvDbgPrint(DBG_QUEUE, " Could not retrieve output buffer");
+        MvDbgPrintAs(QUEUE_FN, DBG_QUEUE, " Could not retrieve output buffer");
         WdfRequestCompleteWithInformation(request, status, 0);
-        MvDbgPrint(DBG_QUEUE, " Release the PacketEntry buffer!");
+        MvDbgPrintAs(QUEUE_FN, DBG_QUEUE, " Release the PacketEntry buffer!");
         PacketEntryFree(entry);
         return FALSE;
     }
@@ -50,13 +55,14 @@ static BOOLEAN complete_read(FdoExtension* ext, WDFREQUEST request, PacketEntry*
     ULONG_PTR information;
     status = fill_read_buffer(buffer, size, entry, &information);
 
-    MvDbgPrint(DBG_COMPLETE, "The copy buffer!!!!!!!");
+    MvDbgPrintAs(QUEUE_FN, DBG_COMPLETE, "The copy buffer!!!!!!!");
     PacketEntryFree(entry);
     LONG completed = InterlockedIncrement(&ext->HciPacketEventCount);
-    MvDbgPrint(DBG_COMPLETE, " [%d] HciPacketEvent completing Status(0x%x), %d BytesToReturn",
-               completed, status, (int)information);
-    MvDbgPrint(DBG_COMPLETE, " Completing Request(%p) Status(0x%x), %d BytesToReturn", request,
-               status, (int)information);
+    MvDbgPrintAs(QUEUE_FN, DBG_COMPLETE,
+                 " [%d] HciPacketEvent completing Status(0x%x), %d BytesToReturn", completed,
+                 status, (int)information);
+    MvDbgPrintAs(QUEUE_FN, DBG_COMPLETE, " Completing Request(%p) Status(0x%x), %d BytesToReturn",
+                 request, status, (int)information);
     WdfRequestCompleteWithInformation(request, status, information);
     *result = status;
     return TRUE;

@@ -10,13 +10,13 @@ static VOID drain_list(FdoExtension* ext, PLIST_ENTRY list, volatile LONG* count
         return;
     }
     while (!IsListEmpty(list)) {
-        MvDbgPrint(DBG_ERROR, "%s", before_remove);
+        MvDbgPrintAs("UART_FreeReadResources", DBG_ERROR, "%s", before_remove);
         KIRQL irql = KeAcquireSpinLockRaiseToDpc(&ext->PacketLock);
         PacketEntry* entry = CONTAINING_RECORD(RemoveHeadList(list), PacketEntry, ListEntry);
         InterlockedDecrement(count);
         KeReleaseSpinLock(&ext->PacketLock, irql);
         if (entry->Packet != NULL) {
-            MvDbgPrint(DBG_ERROR, "%s", before_free);
+            MvDbgPrintAs("UART_FreeReadResources", DBG_ERROR, "%s", before_free);
         }
         PacketEntryFree(entry);
     }
@@ -98,6 +98,7 @@ _Use_decl_annotations_ VOID UART_FreeReadResources(WDFDEVICE Device)
     if (ext->AckBuffer != NULL) {
         ExFreePoolWithTag(ext->AckBuffer, ANY_POOL_TAG);
         ext->AckBuffer = NULL;
+        ext->AckBufferSize = 0;
     }
 
     UART_FreeSignals(ext);

@@ -1,8 +1,11 @@
 // The read thread: the UART's receive side, read in interval-timeout mode and cut into
 // frames on this thread.
-#include "link/command.h"
+#include "link/device/command.h"
 #include "read/read.h"
 #include "uart/uart.h"
+
+// The helpers below print under the name of the thread routine they work for.
+#define THREAD_FN "StartFunc_GPS"
 
 // A read waits for its first byte, then ends STATUS_TIMEOUT once the line has been quiet
 // for the interval.
@@ -15,10 +18,11 @@ static VOID set_read_timeouts(FdoExtension* ext)
         HalWriteToDeviceSync(ext->UartIoTarget, ext->UartRequest, IOCTL_SERIAL_SET_TIMEOUTS,
                              sizeof(timeouts), &timeouts, &written);
     if (!NT_SUCCESS(status)) {
-        MvDbgPrint(DBG_ERROR, "Error!!BytesWritten(%d)Status(%x)", (int)written, status);
+        MvDbgPrintAs(THREAD_FN, DBG_ERROR, "Error!!BytesWritten(%d)Status(%x)", (int)written,
+                     status);
         return;
     }
-    MvDbgPrint(DBG_ERROR, "Success");
+    MvDbgPrintAs(THREAD_FN, DBG_ERROR, "Success");
     ext->ReadThreadByte = 0;
 }
 
@@ -28,7 +32,7 @@ static VOID trace_chunk(const FdoExtension* ext, ULONG_PTR count)
         return;
     }
     for (ULONG_PTR i = 0; i < count; i++) {
-        MvDbgPrint(DBG_ERROR, "%02x ", ext->ReadBuffer[i]);
+        MvDbgPrintAs(THREAD_FN, DBG_ERROR, "%02x ", ext->ReadBuffer[i]);
     }
 }
 
@@ -38,9 +42,9 @@ static BOOLEAN read_chunk(FdoExtension* ext)
     ULONG_PTR count = 0;
     NTSTATUS status = HalReadFromDeviceSync(ext->UartIoTarget, ext->UartRequest, 0,
                                             sizeof(ext->ReadBuffer), ext->ReadBuffer, &count, ext);
-    MvDbgPrint(DBG_ERROR, "Read COM: status(0x%x)BytesRead(%d)", status, (int)count);
+    MvDbgPrintAs(THREAD_FN, DBG_ERROR, "Read COM: status(0x%x)BytesRead(%d)", status, (int)count);
     if (status == STATUS_CANCELLED) {
-        MvDbgPrint(DBG_ERROR, "Read COM: cancelled break;");
+        MvDbgPrintAs(THREAD_FN, DBG_ERROR, "Read COM: cancelled break;");
         return FALSE;
     }
     // Only the interval timer ends a read normally; a full buffer or a silent line stops
@@ -51,7 +55,7 @@ static BOOLEAN read_chunk(FdoExtension* ext)
     trace_chunk(ext, count);
     recv_hci_buffer(ext->ReadBuffer, (USHORT)count, ext, &ext->RecvCirc);
     if (ReadULongAcquire(&ext->Threadread_flag) == 0) {
-        MvDbgPrint(DBG_ERROR, "Threadread_flag is NULL");
+        MvDbgPrintAs(THREAD_FN, DBG_ERROR, "Threadread_flag is NULL");
     }
     return TRUE;
 }

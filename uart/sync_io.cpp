@@ -112,9 +112,10 @@ static NTSTATUS serial_send(WDFIOTARGET IoTarget, WDFREQUEST Request, ULONG IoCo
 }
 
 // One serial control call on a request of its own, deleted afterwards. A request that
-// cannot be created fails the call with the creation status.
-static BOOLEAN serial_call(serial_call_fn* call, WDFIOTARGET IoTarget, ULONG IoControlCode,
-                           ULONG Length, PVOID Buffer)
+// cannot be created fails the call with the creation status. The failure line is printed
+// under the caller's name.
+static BOOLEAN serial_call(PCSTR function, serial_call_fn* call, WDFIOTARGET IoTarget,
+                           ULONG IoControlCode, ULONG Length, PVOID Buffer)
 {
     WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
@@ -127,7 +128,7 @@ static BOOLEAN serial_call(serial_call_fn* call, WDFIOTARGET IoTarget, ULONG IoC
         WdfObjectDelete(request);
     }
     if (status != STATUS_SUCCESS) {
-        MvDbgPrint(DBG_OS, "SerialSendIoSync fail with 0x%x\n", status);
+        MvDbgPrintAs(function, DBG_OS, "SerialSendIoSync fail with 0x%x\n", status);
         return FALSE;
     }
     return TRUE;
@@ -136,13 +137,14 @@ static BOOLEAN serial_call(serial_call_fn* call, WDFIOTARGET IoTarget, ULONG IoC
 _Use_decl_annotations_ BOOLEAN SerialSendIoSync(WDFIOTARGET IoTarget, ULONG IoControlCode,
                                                 ULONG Length, PVOID Buffer)
 {
-    return serial_call(serial_send, IoTarget, IoControlCode, Length, Buffer);
+    return serial_call(__FUNCTION__, serial_send, IoTarget, IoControlCode, Length, Buffer);
 }
 
 _Use_decl_annotations_ BOOLEAN SerialReadFromSync(WDFIOTARGET IoTarget, ULONG IoControlCode,
                                                   ULONG Length, PVOID Buffer)
 {
-    return serial_call(FdoReadFromDeviceSync, IoTarget, IoControlCode, Length, Buffer);
+    return serial_call(__FUNCTION__, FdoReadFromDeviceSync, IoTarget, IoControlCode, Length,
+                       Buffer);
 }
 
 _Use_decl_annotations_ NTSTATUS HalWriteToDeviceSync(WDFIOTARGET IoTarget, WDFREQUEST Request,

@@ -7,7 +7,7 @@
 #include <initguid.h>
 
 #include "data_path.h"
-#include "link/command.h"
+#include "link/device/command.h"
 #include "read/read.h"
 #include "uart/line.h"
 #include "uart/uart.h"
@@ -147,6 +147,7 @@ static NTSTATUS StartDataPath(FdoExtension* ext)
     if (ext->AckBuffer == NULL) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
+    ext->AckBufferSize = FDO_ACK_BUFFER_SIZE;
     InitializeListHead(&ext->ReadDataList);
     status = OsCreateThread(StartFunc_GPS, ext, 0, &ext->ReadThread);
     if (!NT_SUCCESS(status)) {

@@ -15,7 +15,7 @@
 
 #include "data_path_ops.h"
 #include "kernel/kernel.h"
-#include "link/command.h"
+#include "link/device/command.h"
 #include "pnp/client.h"
 #include "pnp/stack.h"
 #include "read/read.h"

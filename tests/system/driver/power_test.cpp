@@ -2,7 +2,7 @@
 // both threads in order; wake sets the line up again, restarts the threads and the chip's
 // start-up; a wake whose line setup fails leaves reading stopped.
 #include "driver_fixture.h"
-#include "link/hci.h"
+#include "link/codec/hci.h"
 #include "wdf/faults.h"
 
 namespace mvgps::test

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "../os/os_fixture.h"
-#include "link/hci.h"
+#include "link/codec/hci.h"
 
 namespace mvgps::test
 {

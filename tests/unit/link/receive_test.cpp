@@ -259,5 +259,93 @@ TEST_F(ReceiveTest, CarryOverLosses)
     }
 }
 
+// What the receive path tells an operator about the frames it joins or drops: per stream and
+// cuts, the lines printed in order, all in the error category (and nothing without it).
+TEST_F(ReceiveTest, LogsWhatBecomesOfEachFrame)
+{
+    const Bytes frame = tx_frame(1, 0x05, 1, {0x11, 0x22}); // 12 bytes
+    Bytes bad_tail = frame;
+    bad_tail.back() = 0;
+    Bytes bad_crc = frame;
+    bad_crc[9] ^= 1;
+    struct Case {
+        const char* name;
+        Bytes stream;
+        std::vector<std::size_t> cuts;
+        std::size_t delivered;
+        std::vector<std::pair<const char*, const char*>> lines; // routine, text
+    };
+    const Case cases[] = {
+        {"header split",
+         frame,
+         {3},
+         1,
+         {{"recv_hci_buffer", "-e, part of previous hci pkt, l 3, len 9"},
+          {"recv_hci_buffer", "move 7 bytes to circ, pid 05, sid 01, circ_pn 12"},
+          {"recv_hci_buffer", "Found full packet in circ"},
+          {"recv_hci_buffer", "-x, part"}}},
+        {"three reads",
+         frame,
+         {8, 10},
+         1,
+         {{"recv_hci_buffer", "move 2 bytes to circ, pid 05, sid 01, circ_pn 12"},
+          {"recv_hci_buffer", "Partial pkt in circ after copying, l 10, circ_pn 12"},
+          {"recv_hci_buffer", "-e, part of previous hci pkt, l 10, len 2"},
+          {"recv_hci_buffer", "Found full packet in circ"}}},
+        {"bad tail when joined",
+         concat({bad_tail, frame}),
+         {8},
+         1,
+         {{"recv_hci_buffer", "-e, part of previous hci pkt, l 8, len 16"},
+          {"recv_hci_buffer", "[PKT_NO_TAIL] in circ, discard it, l 12, circ_pn 12, len 12, "
+                              "orig_len 16, pid 05, sid 01"},
+          {"recv_hci_buffer", "-x, part"}}},
+        {"bad CRC when joined",
+         bad_crc,
+         {6},
+         0,
+         {{"recv_hci_buffer", "Found full packet in circ"},
+          {"parse_one_packet", "pid 05, sid 01, CRC error"}}},
+        {"bad frames in one read",
+         concat({hex("A5 00 02 33 01 A5"), hex("A5 10 02 05 01 A5"), bad_tail, frame}),
+         {},
+         1,
+         {{"process_buff", "PKT_IPSID"},
+          {"process_buff", "PKT_LARGE"},
+          {"process_buff", "PKT_NO_TAIL"}}},
+        // Dropping a bogus start leaves bytes that are no frame start; the next read goes
+        // with them.
+        {"no sync held",
+         concat({hex("A5 FF FF FF 00 02 05"), frame}),
+         {2, 7},
+         0,
+         {{"recv_hci_buffer", "move 2 bytes to circ, pid ff, sid 00, circ_pn 4101"},
+          {"recv_hci_buffer", "Partial pkt in circ after copying, l 3, circ_pn 4101"},
+          {"recv_hci_buffer", "-e, part of previous hci pkt, l 3, len 12"},
+          {"recv_hci_buffer", "no hci preamble code in circ"}}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        for (ULONG mask : {DBG_ERROR, ~DBG_ERROR}) {
+            restart();
+            DebugLogMask = mask;
+            feed(c.stream, c.cuts);
+            DebugLogMask = DEBUG_LOG_MASK_DEFAULT;
+            EXPECT_EQ(recorder_.frames.size(), c.delivered);
+            // Each line whole: the next line's prefix, or the end, follows it.
+            const std::string text = log() + "\n[MV_GPS]";
+            if (mask != DBG_ERROR) {
+                EXPECT_EQ(text.find("[MV_GPS]("), std::string::npos) << text;
+                continue;
+            }
+            std::size_t at = 0;
+            for (const auto& [routine, message] : c.lines) {
+                at = text.find(log_line(routine, message) + "\n[MV_GPS]", at);
+                ASSERT_NE(at, std::string::npos) << routine << ": " << message << "\n" << text;
+            }
+        }
+    }
+}
+
 } // namespace
 } // namespace mvgps::test

@@ -1,5 +1,5 @@
 // Classification of the bytes at the start of a received buffer.
-#include "link/hci.h"
+#include "link/codec/hci.h"
 
 LONG check_pkt_status(const UCHAR* b, USHORT n, USHORT* total)
 {

@@ -1,6 +1,6 @@
 // Reassembly of a frame that a read left incomplete: the carry-over buffer takes what the
 // next reads bring until the frame is whole, then the rest of the read is scanned as usual.
-#include "link/circ.h"
+#include "link/codec/circ.h"
 #include "os/debug_log.h"
 
 // Longest frame total a sane header can give, with room to spare.

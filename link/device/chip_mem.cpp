@@ -1,5 +1,5 @@
 // Chip memory and registers through the memory write (pid 5) and read (pid 4) commands.
-#include "link/command.h"
+#include "link/device/command.h"
 
 #define HCI_MEM_READ_PAYLOAD 6
 

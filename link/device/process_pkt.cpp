@@ -1,14 +1,18 @@
 // Every complete frame from the receive path, on the read thread: the awaited
 // acknowledgement for the sender, a copy queued for client reads, and the answer to a
 // pending raw command.
-#include "link/command.h"
+#include "link/device/command.h"
 #include "read/packet_entry.h"
 
-// The copy is cut at the buffer's size; the sender still finds err_status at offset 7.
+// The helpers below print under the name of the routine they work for.
+#define PROCESS_FN "local_process_pkt"
+
+// The copy is cut at the size allocated for the buffer; the sender still finds err_status
+// at offset 7.
 static VOID store_ack(FdoExtension* ext, const UCHAR* frame, USHORT len)
 {
-    USHORT kept = len < FDO_ACK_BUFFER_SIZE ? len : (USHORT)FDO_ACK_BUFFER_SIZE;
-    MvDbgPrint(DBG_ERROR, "Enter OsSetSignal!!");
+    USHORT kept = len < ext->AckBufferSize ? len : ext->AckBufferSize;
+    MvDbgPrintAs(PROCESS_FN, DBG_ERROR, "Enter OsSetSignal!!");
     RtlCopyMemory(ext->AckBuffer, frame, kept);
     ext->AckLength = kept;
     OsSetSignal(ext->DeviceAssocFinishSignal);
@@ -24,7 +28,7 @@ static VOID queue_frame(FdoExtension* ext, const UCHAR* frame, USHORT len)
     InsertTailList(&ext->ReadDataList, &entry->ListEntry);
     InterlockedIncrement(&ext->ReadDataCount);
     KeReleaseSpinLock(&ext->PacketLock, irql);
-    MvDbgPrint(DBG_ERROR, "Enter OsSetSignal!!");
+    MvDbgPrintAs(PROCESS_FN, DBG_ERROR, "Enter OsSetSignal!!");
     OsSetSignal(ext->DataFinishSignal);
 }
 
@@ -36,19 +40,19 @@ static VOID answer_cmd_request(WDFREQUEST request, const UCHAR* frame, USHORT le
     ULONG_PTR information = len;
     NTSTATUS status = WdfRequestRetrieveOutputMemory(request, &memory);
     if (NT_SUCCESS(status)) {
-        MvDbgPrint(DBG_ERROR, "success to get output buffer");
+        MvDbgPrintAs(PROCESS_FN, DBG_ERROR, "success to get output buffer");
         size_t size = 0;
         PUCHAR pdata = (PUCHAR)WdfMemoryGetBuffer(memory, &size);
-        MvDbgPrint(DBG_ERROR, "BufferSize: %d", (int)size);
-        MvDbgPrint(DBG_ERROR, "pdata:%p", pdata);
-        MvDbgPrint(DBG_ERROR, "Bufferplen: %d", len);
+        MvDbgPrintAs(PROCESS_FN, DBG_ERROR, "BufferSize: %d", (int)size);
+        MvDbgPrintAs(PROCESS_FN, DBG_ERROR, "pdata:%p", pdata);
+        MvDbgPrintAs(PROCESS_FN, DBG_ERROR, "Bufferplen: %d", len);
         if (size < len) {
             status = STATUS_BUFFER_TOO_SMALL;
             information = 0;
         } else {
             for (USHORT i = 0; i < len; i++) {
                 pdata[i] = frame[i];
-                MvDbgPrint(DBG_ERROR, "pdata:%02x", pdata[i]);
+                MvDbgPrintAs(PROCESS_FN, DBG_ERROR, "pdata:%02x", pdata[i]);
             }
         }
     }
@@ -57,16 +61,16 @@ static VOID answer_cmd_request(WDFREQUEST request, const UCHAR* frame, USHORT le
 
 static VOID complete_cmd_request(FdoExtension* ext, const UCHAR* frame, USHORT len)
 {
-    MvDbgPrint(DBG_COMPLETE, "ACK:ff 0!");
+    MvDbgPrintAs(PROCESS_FN, DBG_COMPLETE, "ACK:ff 0!");
     if (ReadPointerAcquire((PVOID const volatile*)&ext->CMD_Request) == NULL) {
-        MvDbgPrint(DBG_ERROR, "FdoExtension CMD_Request is NULL");
+        MvDbgPrintAs(PROCESS_FN, DBG_ERROR, "FdoExtension CMD_Request is NULL");
         return;
     }
-    MvDbgPrint(DBG_ERROR, "VC: Current IRQL(%d)", KeGetCurrentIrql());
+    MvDbgPrintAs(PROCESS_FN, DBG_ERROR, "VC: Current IRQL(%d)", KeGetCurrentIrql());
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&ext->PacketLock);
-    MvDbgPrint(DBG_ERROR, "VC: Current IRQL(%d)", KeGetCurrentIrql());
+    MvDbgPrintAs(PROCESS_FN, DBG_ERROR, "VC: Current IRQL(%d)", KeGetCurrentIrql());
     WDFREQUEST request = ext->CMD_Request;
-    MvDbgPrint(DBG_ERROR, "request 0x%p", request);
+    MvDbgPrintAs(PROCESS_FN, DBG_ERROR, "request 0x%p", request);
     // A request is answered once: a repeated answer, or one that arrives after the request
     // path took the request back, finds the field cleared.
     if (request != NULL) {
@@ -86,9 +90,11 @@ LONG local_process_pkt(const UCHAR* frame, USHORT len, UCHAR crc_flag, PVOID con
     MvDbgPrint(DBG_ERROR, "+++local_process_pkt!!!!!!!!!!");
     MvDbgPrint(DBG_ERROR, "pid is:%02x,sid is:%02x", pid, sid);
 
+    // The sender stores the pid and sid before it raises the flag, so the flag is read first.
+    UCHAR waiting = ReadUCharAcquire(&ext->WaitAck_flag);
     UCHAR wait_pid = ReadUCharAcquire(&ext->WaitAckPid);
     UCHAR wait_sid = ReadUCharAcquire(&ext->WaitAckSid);
-    if (ReadUCharAcquire(&ext->WaitAck_flag) == 1 && wait_pid == pid && wait_sid == sid) {
+    if (waiting == 1 && wait_pid == pid && wait_sid == sid) {
         store_ack(ext, frame, len);
     } else {
         MvDbgPrint(DBG_ERROR, "pid is:%02x,sid is:%02x", pid, sid);

@@ -1,5 +1,5 @@
 // The shared diagnostic dump line.
-#include "link/hci.h"
+#include "link/codec/hci.h"
 
 CHAR hci_hex_dump_line[HCI_HEX_DUMP_LINE_SIZE];
 

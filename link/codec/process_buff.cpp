@@ -1,6 +1,6 @@
 // The scan of received bytes: every complete frame goes to parse_one_packet, the start of an
 // incomplete one is kept in the carry-over buffer, and anything else is skipped.
-#include "link/circ.h"
+#include "link/codec/circ.h"
 #include "os/debug_log.h"
 
 ULONG cnt_no_sync;

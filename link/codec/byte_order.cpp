@@ -1,5 +1,5 @@
 // Payload values in the byte order the chip was started with.
-#include "link/hci.h"
+#include "link/codec/hci.h"
 
 ULONG hci_endian_mode;
 

@@ -1,6 +1,6 @@
 // The carry-over area. One device is served, so one static area holds the start of the one
 // frame that a read left incomplete.
-#include "link/circ.h"
+#include "link/codec/circ.h"
 
 static UCHAR hci_circ_area[HCI_CIRC_CAPACITY];
 

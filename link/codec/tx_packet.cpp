@@ -1,5 +1,5 @@
 // Transmit packets: a frame built in a pool buffer padded with 0xFF to a multiple of 8.
-#include "link/hci.h"
+#include "link/codec/hci.h"
 #include "os/debug_log.h"
 #include "os/pool_tags.h"
 

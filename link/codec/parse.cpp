@@ -1,5 +1,5 @@
 // Final checks of one complete frame and its hand-over to the registered handler.
-#include "link/hci.h"
+#include "link/codec/hci.h"
 #include "os/debug_log.h"
 
 pkt_parse_callback_fn pkt_parse_callback;

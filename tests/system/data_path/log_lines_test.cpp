@@ -1,0 +1,355 @@
+// The debug log as an operator reads it. Each scenario of the data path runs once with every
+// category on, and every line it prints must carry the name of one of the driver's routines,
+// never a helper's. It runs again once per category its table names, with only that bit in
+// the mask: the lines an operator searches for (failures, state changes, thread ends) must
+// appear in that run, in order, under their routine, and the lines of the other categories
+// must not.
+#include <dlfcn.h>
+
+#include <set>
+
+#include "data_path_fixture.h"
+
+namespace mvgps::test
+{
+namespace
+{
+
+// The routines whose names a line may carry. Later components add theirs.
+const std::set<std::string> kDriverRoutines = {
+    // platform services
+    "OsAllocateMemory", "OsAllocateZeroedMemory", "OsFreeMemory", "OsAllocateMutex",
+    "OsAcquireMutex", "OsReleaseMutex", "OsTryAcquireMutex", "OsFreeMutex", "OsAllocateSignal",
+    "OsSetSignal", "OsClearSignal", "OsWaitForSignal", "OsFreeSignal", "OsCreateThread", "OsDelay",
+    // frame codec
+    "hci_crc16", "create_hci_tx_packet", "free_hci_tx_packet", "set_hci_endian_mode",
+    "put_u16_ordered", "put_u32_ordered", "get_u32_ordered", "hci_hex_dump", "recv_hci_buffer",
+    "process_buff", "check_pkt_status", "parse_one_packet", "set_pkt_parse_callback",
+    // device-side link
+    "xfer_hci_pkt_core", "send_hci_tx_internal_core", "local_process_pkt", "hci_write_mem_core",
+    "hci_read_mem_core", "read_chip_ctrl_byte", "hci_write_byte_verify", "set_chip_ctrl_byte",
+    // UART
+    "FdoOpenDevice", "FdoReadFromDeviceSync", "FdoWriteToDeviceSyncWithTimeOut", "IoStatusText",
+    "SerialSendIoSync", "SerialReadFromSync", "HalWriteToDeviceSync", "HalReadFromDeviceSync",
+    "change_baudrate",
+    // read pipeline
+    "StartFunc_GPS", "UART_AllocateReadResources", "UART_FreeReadResources",
+    "UART_ProcessReadQueue", "UART_ProcessReadQueue_GPS",
+    // the test driver's stand-in for the lifecycle code's stop
+    "DataPathReleaseHardware"};
+
+struct LogLine {
+    std::string function;
+    std::string text;
+};
+
+// Every line of the driver's log: "\n[MV_GPS](%4d)%-40.39s  " and then the message.
+std::vector<LogLine> parse_log(const std::string& out)
+{
+    static const std::string mark = "\n[MV_GPS](";
+    constexpr std::size_t kNameField = 40;
+    std::vector<LogLine> lines;
+    for (std::size_t at = out.find(mark); at != std::string::npos;) {
+        std::size_t next = out.find(mark, at + 1);
+        std::string entry = out.substr(at + mark.size(), next - at - mark.size());
+        std::size_t name = entry.find(')') + 1;
+        std::string function = entry.substr(name, kNameField);
+        function.erase(function.find_last_not_of(' ') + 1);
+        lines.push_back({function, entry.substr(std::min(entry.size(), name + kNameField + 2))});
+        at = next;
+    }
+    return lines;
+}
+
+struct Expected {
+    ULONG category;
+    const char* function;
+    const char* text;
+};
+
+class LogLines;
+
+struct Scenario {
+    const char* name;
+    void (*run)(LogLines&);
+    std::vector<Expected> lines; // in the order they are printed within one category
+    friend void PrintTo(const Scenario& s, std::ostream* os) { *os << s.name; }
+};
+
+class LogLines : public DataPath, public testing::WithParamInterface<std::pair<Scenario, ULONG>>
+{
+  public:
+    using DataPath::chip;
+    using DataPath::ext;
+    using DataPath::now;
+    using DataPath::ops;
+    using DataPath::read;
+    using DataPath::remove;
+    using DataPath::run_for;
+    using DataPath::send_cmd;
+    using DataPath::start_with_chip;
+    using DataPath::xfer;
+
+    void start(bool talking = false)
+    {
+        start_with_chip(talking);
+        set_mask(GetParam().second);
+    }
+
+  private:
+    // The mask of the loaded image, as a kernel debugger patches it.
+    static void set_mask(ULONG mask)
+    {
+        void* image = dlopen(DATA_PATH_DRIVER_PATH, RTLD_NOW | RTLD_NOLOAD);
+        ASSERT_NE(image, nullptr);
+        auto* variable = static_cast<ULONG*>(dlsym(image, "DebugLogMask"));
+        dlclose(image);
+        ASSERT_NE(variable, nullptr);
+        *variable = mask;
+    }
+};
+
+void unanswered_command(LogLines& t)
+{
+    t.start();
+    t.chip().inject(Fault::no_ack(5));
+    EXPECT_EQ(t.xfer(0x22, 5), 3);
+}
+
+void rejected_command(LogLines& t)
+{
+    t.start();
+    t.chip().inject(Fault::reject(1, 1));
+    EXPECT_EQ(t.xfer(0x22, 5), 0);
+}
+
+void failed_write(LogLines& t)
+{
+    t.start();
+    wdf::faults::add(wdf::faults::fail_nth_send(1, wdf::faults::Op::Write));
+    EXPECT_EQ(t.xfer(0x22, 5), -1);
+}
+
+// An answer whose CRC is wrong, then one whose tail is: each is dropped on the way in, and
+// the command is answered by its third write.
+void broken_answers(LogLines& t)
+{
+    t.start();
+    t.chip().inject(Fault::corrupt_crc(1, sim::chip::Output::Answers));
+    EXPECT_EQ(t.xfer(0x22, 5), 0);
+    t.chip().inject(Fault::corrupt_tail(1, sim::chip::Output::Answers));
+    EXPECT_EQ(t.xfer(0x22, 6), 0);
+}
+
+// A read one byte too small for the 14-byte answer behind its header, then an answer that
+// finds no read at all.
+void reads_that_cannot_take_a_frame(LogLines& t)
+{
+    t.start();
+    auto pending = t.read(READ_COMPLETION_HEADER_SIZE + 13);
+    EXPECT_EQ(t.xfer(0x22, 5), 0);
+    EXPECT_TRUE(pending->wait(t.now() + 100 * kMillisecond));
+    EXPECT_EQ(t.xfer(0x22, 5), 0);
+    t.run_for(50 * kMillisecond);
+}
+
+// The chip answers twice: the first copy completes the raw command, the second finds none.
+void raw_command_answered_twice(LogLines& t)
+{
+    t.start();
+    t.chip().inject(Fault::duplicate_ack(1));
+    auto cmd = t.send_cmd(0x22, 5, 64);
+    EXPECT_TRUE(cmd->wait(t.now() + 100 * kMillisecond));
+    t.run_for(50 * kMillisecond);
+}
+
+void serial_refusals(LogLines& t)
+{
+    t.start();
+    SERIAL_BAUD_RATE rate = {0};
+    EXPECT_FALSE(
+        t.ops().SerialSend(t.ext().UartIoTarget, IOCTL_SERIAL_SET_BAUD_RATE, sizeof(rate), &rate));
+    EXPECT_FALSE(t.ops().SerialRead(t.ext().UartIoTarget, IOCTL_SERIAL_GET_BAUD_RATE, 2, &rate));
+}
+
+// The port refuses the read thread's timeouts: the thread reads on regardless.
+void timeouts_refused(LogLines& t)
+{
+    wdf::faults::add(wdf::faults::fail_control(IOCTL_SERIAL_SET_TIMEOUTS));
+    t.start();
+    t.run_for(20 * kMillisecond);
+}
+
+// Memory commands the chip never answers, and a write of nothing.
+void memory_commands_unanswered(LogLines& t)
+{
+    t.start();
+    t.chip().inject(Fault::no_ack(10));
+    UCHAR data[4] = {1, 2, 3, 4};
+    EXPECT_EQ(t.ops().WriteMem(&t.ext(), 0x20000000, data, sizeof(data), 0), 3);
+    EXPECT_EQ(t.ops().ReadMem(&t.ext(), 0x20000000, sizeof(data), data, 0), 3);
+    EXPECT_EQ(t.ops().WriteMem(&t.ext(), 0x20000000, nullptr, sizeof(data), 0), -1);
+}
+
+// Removal cancels the read in flight and ends both threads.
+void thread_ends(LogLines& t)
+{
+    t.start(true);
+    t.run_for(100 * kMillisecond);
+    t.remove();
+}
+
+const Scenario kScenarios[] = {
+    {"unanswered_command",
+     unanswered_command,
+     {{DBG_ERROR, "send_hci_tx_internal_core", "Begin: send_hci_tx_internal_core!"},
+      {DBG_OS, "send_hci_tx_internal_core", "    waiting ack\n"},
+      {DBG_ERROR, "send_hci_tx_internal_core", "retcode is: 3"},
+      {DBG_ERROR, "send_hci_tx_internal_core", "0st timed out, pid 22, sid 05, try again"},
+      {DBG_OS, "send_hci_tx_internal_core", "time [1] tx hci cmd, pid 0x22 sid 0x05"},
+      {DBG_OS, "send_hci_tx_internal_core", "time [4] tx hci cmd, pid 0x22 sid 0x05"},
+      {DBG_ERROR, "send_hci_tx_internal_core", "4st timed out, pid 22, sid 05, try again"},
+      {DBG_OS, "send_hci_tx_internal_core", "------ funcx: -x retcode 3------\n"},
+      {DBG_ERROR, "send_hci_tx_internal_core", "End: send_hci_tx_internal_core!"},
+      {DBG_OS, "xfer_hci_pkt_core", "ret =3 "}}},
+    {"rejected_command",
+     rejected_command,
+     {{DBG_OS, "send_hci_tx_internal_core", "    RECV ACK, pid, sid: [0x22, 0x05], Len [14]\n"},
+      {DBG_ERROR, "send_hci_tx_internal_core",
+       "ack len 14, err_status 00000001, re-send (pid 22, sid 05)"},
+      {DBG_OS, "send_hci_tx_internal_core", "time [1] tx hci cmd, pid 0x22 sid 0x05"},
+      {DBG_ERROR, "send_hci_tx_internal_core",
+       "    send pkt successfully, err_status [00000000]\n"},
+      {DBG_OS, "xfer_hci_pkt_core", "ret =0 "}}},
+    {"failed_write",
+     failed_write,
+     {{DBG_TRACE, "FdoWriteToDeviceSyncWithTimeOut", "+FdoWriteToDeviceSync"},
+      {DBG_TRACE, "FdoWriteToDeviceSyncWithTimeOut",
+       "-FdoWriteToDeviceSync: Status(0xc0000001| )BytesWritten(0)"},
+      {DBG_ERROR, "send_hci_tx_internal_core", "funcx: write err,  io_ret(c0000001)\n"},
+      {DBG_OS, "send_hci_tx_internal_core", "------ funcx: -x retcode -1------\n"},
+      {DBG_OS, "xfer_hci_pkt_core", "ret =-1 "}}},
+    {"broken_answers",
+     broken_answers,
+     {{DBG_ERROR, "parse_one_packet", "pid 22, sid 05, CRC error"},
+      {DBG_ERROR, "send_hci_tx_internal_core", "0st timed out, pid 22, sid 05, try again"},
+      {DBG_ERROR, "process_buff", "PKT_NO_TAIL"},
+      {DBG_ERROR, "send_hci_tx_internal_core", "0st timed out, pid 22, sid 06, try again"}}},
+    {"reads_that_cannot_take_a_frame",
+     reads_that_cannot_take_a_frame,
+     {{DBG_ERROR, "UART_ProcessReadQueue",
+       "Error: Buffer too small!!! BufferSize(29)<BytesToReturn(30)"},
+      {DBG_COMPLETE, "UART_ProcessReadQueue",
+       " [1] HciPacketEvent completing Status(0xc0000023), 0 BytesToReturn"},
+      {DBG_QUEUE, "UART_ProcessReadQueue", "STATUS is not SUCCESS"},
+      {DBG_READQ, "UART_ProcessReadQueue", "-UART_ProcessReadQueue: Status(0xc0000023)"},
+      {DBG_QUEUE, "UART_ProcessReadQueue", "STATUS_NO_MORE_ENTRIES!"},
+      {DBG_READQ, "UART_ProcessReadQueue", "-UART_ProcessReadQueue: Status(0x103)"}}},
+    {"raw_command_answered_twice",
+     raw_command_answered_twice,
+     {{DBG_OS, "send_hci_tx_internal_core", "asynchronious writing, pid 22, sid 05"},
+      {DBG_COMPLETE, "local_process_pkt", "ACK:ff 0!"},
+      {DBG_ERROR, "local_process_pkt", "success to get output buffer"},
+      {DBG_ERROR, "local_process_pkt", "BufferSize: 64"},
+      {DBG_ERROR, "local_process_pkt", "Bufferplen: 14"},
+      {DBG_ERROR, "local_process_pkt", "FdoExtension CMD_Request is NULL"}}},
+    {"serial_refusals",
+     serial_refusals,
+     {{DBG_TRACE, "FdoWriteToDeviceSyncWithTimeOut",
+       "-FdoWriteToDeviceSync: Status(0xc000000d|InvalidParam)BytesWritten(0)"},
+      {DBG_OS, "SerialSendIoSync", "SerialSendIoSync fail with 0xc000000d\n"},
+      {DBG_OS, "SerialReadFromSync", "SerialSendIoSync fail with 0xc0000023\n"}}},
+    {"timeouts_refused",
+     timeouts_refused,
+     {{DBG_ERROR, "HalWriteToDeviceSync", "+++HalWriteToDeviceSync"},
+      {DBG_ERROR, "HalWriteToDeviceSync", "---HalWriteToDeviceSync"},
+      {DBG_ERROR, "StartFunc_GPS", "Error!!BytesWritten(0)Status(c0000001)"}}},
+    {"memory_commands_unanswered",
+     memory_commands_unanswered,
+     {{DBG_ERROR, "hci_write_mem_core", "Begin: hci_write_mem_core!"},
+      {DBG_ERROR, "hci_write_mem_core", "Failed to write mem 0x20000000, len 4"},
+      {DBG_ERROR, "hci_read_mem_core", "hci read failed, address 0x20000000, length 4"},
+      {DBG_ERROR, "hci_write_mem_core", "funcx: buf is null"}}},
+    {"thread_ends",
+     thread_ends,
+     {{DBG_ERROR, "HalReadFromDeviceSync", "I/O Canceled!!"},
+      {DBG_ERROR, "StartFunc_GPS", "Read COM: cancelled break;"},
+      {DBG_ERROR, "StartFunc_GPS", "OsSetSignal Threadread_FinishSignal"},
+      {DBG_ERROR, "UART_ProcessReadQueue_GPS", "OsSetSignal Threadprocess_FinishSignal"},
+      {DBG_ERROR, "UART_FreeReadResources", "+UART_DestroyLocalIoQueues"},
+      {DBG_ERROR, "UART_FreeReadResources", "---FdoExtension"}}},
+};
+
+constexpr ULONG kEveryCategory = 0xFFFFFFFFu;
+
+std::string describe(const LogLine& line)
+{
+    return line.function + ": \"" + line.text + "\"";
+}
+
+TEST_P(LogLines, CarryTheirRoutineAndCategory)
+{
+    if (!simulated()) {
+        GTEST_SKIP() << "in real time the two halves of lines from two threads may interleave";
+    }
+    const auto& [scenario, mask] = GetParam();
+    scenario.run(*this);
+    const std::vector<LogLine> lines = parse_log(log());
+    ASSERT_FALSE(lines.empty());
+
+    if (mask == kEveryCategory) {
+        for (const LogLine& line : lines) {
+            EXPECT_TRUE(kDriverRoutines.count(line.function)) << describe(line);
+        }
+        return;
+    }
+    auto printed = [&](const Expected& e, std::size_t from) {
+        for (std::size_t i = from; i < lines.size(); i++) {
+            if (lines[i].function == e.function && lines[i].text == e.text) {
+                return i;
+            }
+        }
+        return lines.size();
+    };
+    std::size_t next = 0;
+    for (const Expected& e : scenario.lines) {
+        LogLine line{e.function, e.text};
+        if (e.category != mask) {
+            EXPECT_EQ(printed(e, 0), lines.size())
+                << "printed in another category: " << describe(line);
+            continue;
+        }
+        std::size_t at = printed(e, next);
+        EXPECT_LT(at, lines.size()) << "missing, or out of order: " << describe(line);
+        next = at < lines.size() ? at + 1 : next;
+    }
+}
+
+std::vector<std::pair<Scenario, ULONG>> runs()
+{
+    std::vector<std::pair<Scenario, ULONG>> all;
+    for (const Scenario& s : kScenarios) {
+        all.emplace_back(s, kEveryCategory);
+        std::set<ULONG> categories;
+        for (const Expected& e : s.lines) {
+            categories.insert(e.category);
+        }
+        for (ULONG c : categories) {
+            all.emplace_back(s, c);
+        }
+    }
+    return all;
+}
+
+std::string run_name(const testing::TestParamInfo<std::pair<Scenario, ULONG>>& info)
+{
+    char mask[16];
+    std::snprintf(mask, sizeof mask, "%08x", info.param.second);
+    return std::string(info.param.first.name) + "_" +
+           (info.param.second == kEveryCategory ? std::string("all") : std::string(mask));
+}
+
+INSTANTIATE_TEST_SUITE_P(DataPath, LogLines, testing::ValuesIn(runs()), run_name);
+
+} // namespace
+} // namespace mvgps::test
