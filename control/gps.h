@@ -7,7 +7,7 @@
 
 #include "control/control.h"
 #include "driver/driver.h"
-#include "link/command.h"
+#include "link/device/command.h"
 
 // NMEA output: pid 0xFF; sid 4 starts the sentences before sid 3 switches them on, sid 2
 // switches them off.

@@ -19,16 +19,17 @@ static VOID trace_rate(FdoExtension* Context)
 }
 
 // The finish signal comes just before the thread leaves this image's code; its object
-// tells when it has.
+// tells when it has. After a switch that stopped early there is no thread to wait for.
 static VOID await_read_thread(FdoExtension* Context)
 {
+    if (Context->ReadThread == NULL) {
+        return;
+    }
     (VOID) OsWaitForSignal(Context->Threadread_FinishSignal, 0);
     OsClearSignal(Context->Threadread_FinishSignal);
-    if (Context->ReadThread != NULL) {
-        (VOID) KeWaitForSingleObject(Context->ReadThread, Executive, KernelMode, FALSE, NULL);
-        ObDereferenceObject(Context->ReadThread);
-        Context->ReadThread = NULL;
-    }
+    (VOID) KeWaitForSingleObject(Context->ReadThread, Executive, KernelMode, FALSE, NULL);
+    ObDereferenceObject(Context->ReadThread);
+    Context->ReadThread = NULL;
 }
 
 // Frames received at the old rate go with it. They are taken off under PacketLock, which
@@ -71,7 +72,10 @@ static LONG set_rate_and_format(FdoExtension* Context, ULONG BaudRate)
 _Use_decl_annotations_ LONG change_baudrate(FdoExtension* Context, ULONG BaudRate, ULONG Unused)
 {
     UNREFERENCED_PARAMETER(Unused);
-    // The purge cancels the read in flight, which ends the read thread.
+    // The purge cancels the read in flight, which ends the read thread. A thread between two
+    // reads would start another that the purge no longer reaches, and a line busy at the
+    // old rate could keep it reading; with reads switched off it ends at its next one.
+    WriteULongRelease(&Context->ReadEnable_flag, 0);
     purge_rx(Context);
     await_read_thread(Context);
     trace_rate(Context);

@@ -24,16 +24,20 @@ std::string TraceEntry::text() const
 
 Chip::Chip(Line& line, ChipConfig config)
     : sched_(sched::current()), line_(line), config_(std::move(config)), random_("chip"),
-      protocol_(config_.order, config_.rates, config_.geofence_status), rate_(config_.rate)
+      protocol_(config_.order, config_.rates, config_.geofence_capacity),
+      receiver_(config_.receiver, sched_.now()),
+      epoch_period_(config_.capture ? config_.capture->period() : sched::kSecond),
+      rate_(config_.rate)
 {
     {
         sched::StateLock lock(sched_);
         const Nanos now = sched_.now();
         protocol_.state().nmea_on = config_.nmea_on;
+        protocol_.set_geofence_status(config_.geofence_status);
         line_.attach(this);
         configure_rate(rate_);
         next_status_ = now + config_.status_period;
-        next_epoch_ = now + (config_.capture ? config_.capture->period() : sched::kSecond);
+        next_epoch_ = now + epoch_period_;
     }
     thread_ = sched_.spawn("chip", [this] { run(); });
 }
@@ -90,7 +94,7 @@ Nanos Chip::deadline(Nanos now) const
     }
     if (active(now)) {
         d = std::min(d, next_status_);
-        if (protocol_.state().nmea_on && config_.capture) {
+        if (protocol_.state().nmea_on) {
             d = std::min(d, next_epoch_);
         }
     }
@@ -122,11 +126,11 @@ void Chip::tick(Nanos now)
         next_status_ += config_.status_period + random_.between(-j, j);
         next_status_ = std::max(next_status_, now + 1);
     }
-    if (config_.capture && now >= next_epoch_) {
+    if (now >= next_epoch_) {
         if (protocol_.state().nmea_on) {
             emit_epoch(now);
         }
-        next_epoch_ = std::max(next_epoch_ + config_.capture->period(), now + 1);
+        next_epoch_ = std::max(next_epoch_ + epoch_period_, now + 1);
     }
 }
 
@@ -170,11 +174,16 @@ void Chip::serve(const Frame& command, Nanos arrival)
     } else {
         o = protocol_.execute(command);
     }
-    if (o.restart_playback) {
+    if (o.start) {
+        receiver_.start(*o.start, arrival);
+    }
+    if (o.start == Start::Cold && config_.capture) {
+        // A capture plays from its start again, as a receiver's output would after a restart.
         epoch_ = 0;
-        if (config_.capture) {
-            next_epoch_ = arrival + config_.capture->period();
-        }
+        next_epoch_ = arrival + epoch_period_;
+    }
+    if (o.assisted) {
+        receiver_.assist(arrival);
     }
     Burst b;
     b.at = arrival + random_.between(config_.answer_delay_min, config_.answer_delay_max);
@@ -298,19 +307,33 @@ void Chip::emit_status(Nanos now)
     emit(std::move(b), now);
 }
 
-void Chip::emit_epoch(Nanos now)
+std::vector<std::string> Chip::next_sentences(Nanos now)
 {
+    if (!config_.capture) {
+        return receiver_.epoch(now);
+    }
     const auto& epochs = config_.capture->epochs();
     if (epochs.empty()) {
+        return {};
+    }
+    const auto& sentences = epochs[epoch_].sentences;
+    epoch_ = (epoch_ + 1) % epochs.size();
+    return sentences;
+}
+
+void Chip::emit_epoch(Nanos now)
+{
+    if (backlogged(now)) {
         return;
     }
-    if (backlogged(now)) {
+    const auto sentences = next_sentences(now);
+    if (sentences.empty()) {
         return;
     }
     Burst b;
     b.at = now;
     b.kind = Output::Nmea;
-    for (const auto& sentence : epochs[epoch_].sentences) {
+    for (const auto& sentence : sentences) {
         Frame f;
         f.pid = kPidNmeaData;
         f.payload.assign(sentence.begin(), sentence.end());
@@ -319,7 +342,6 @@ void Chip::emit_epoch(Nanos now)
         f.payload.push_back('\n');
         add_frame(b, std::move(f));
     }
-    epoch_ = (epoch_ + 1) % epochs.size();
     ++stats_.epochs_sent;
     emit(std::move(b), now);
 }
@@ -352,7 +374,8 @@ void Chip::boot(Nanos now)
     status_seq_ = 0;
     booting_until_ = now + config_.boot_time;
     next_status_ = booting_until_;
-    next_epoch_ = booting_until_ + (config_.capture ? config_.capture->period() : sched::kSecond);
+    next_epoch_ = booting_until_ + epoch_period_;
+    receiver_.power_on(booting_until_);
 }
 
 void Chip::inject(const Fault& f)
@@ -399,7 +422,7 @@ void Chip::set_power(bool on)
     sched_.point("chip power");
 }
 
-void Chip::set_geofence_status(std::uint8_t status)
+void Chip::set_geofence_status(std::optional<std::uint8_t> status)
 {
     sched::StateLock lock(sched_);
     protocol_.set_geofence_status(status);

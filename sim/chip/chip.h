@@ -2,19 +2,28 @@
 //
 // It hears frames (chip/frame.h) on its Line and answers every command with an
 // acknowledgement of the same pid and sid whose payload starts with err_status (0: carried
-// out; protocol.h lists the commands and the other values). Besides answers it sends:
+// out; protocol.h lists the commands, what each does and the other values). Besides answers
+// it sends:
 //   - while powered and awake, a status frame (pid 50, sid 0, 4-byte sequence number) about
 //     every 25 ms;
-//   - while NMEA output is on, the epochs of a recorded capture (chip/nmea.h), looping, one
-//     epoch per epoch period and one frame per sentence: pid 0x31, sid 0, the sentence and
-//     CRLF as payload. Clients recognise NMEA by its content, not by these identifiers.
-// Every burst (an epoch, an answer) leaves as one run of bytes. The baud-rate command is
-// answered at the old rate; the chip switches once that answer has left. The sleep command
-// (pid 0x20, sid 8) is answered, then the chip sends nothing until it hears the next frame,
-// which wakes it and is served.
+//   - while NMEA output is on, one epoch a second from its receiver model (chip/receiver.h),
+//     or, when a capture is given, the epochs of that recording (chip/nmea.h), looping, at
+//     its own epoch period. One frame per sentence: pid 0x31, sid 0, the sentence and CRLF
+//     as payload. Clients recognise NMEA by its content, not by these identifiers.
+// NMEA off (pid 0xFF, sid 2) stops the sentences, NMEA on (sid 3) restarts them; sid 4 is
+// acknowledged and changes nothing. Cold start (pid 0x20, sid 6) and warm start (sid 2) drop
+// the receiver's fix, which returns after the receiver's time to first fix; a cold start
+// also plays a capture from its beginning again. Assistance blocks (pid 6) shorten the next
+// search. Geofence commands (pid 0x30) work on a table of fences (chip/geofence.h).
+// Every burst (an epoch, an answer) leaves as one run of bytes. The baud-rate command
+// (pid 0x16, sid 0, u32 rate little-endian) is answered at the old rate; the chip switches
+// once that answer has left, so a peer that stays at the old rate hears garbage. The sleep
+// command (pid 0x20, sid 8) is answered, then the chip sends nothing until it hears the
+// next frame, which wakes it and is served.
 //
 // Time and randomness come from the scheduler: the chip runs one thread ("chip") that sends
-// what is due and sleeps until the next thing is.
+// what is due and sleeps until the next thing is; its noise, delays and receiver draw from
+// their own seeded streams.
 #pragma once
 
 #include <cstdint>
@@ -49,7 +58,10 @@ struct ChipConfig {
     sched::Nanos rx_gap = 20 * sched::kMillisecond;
     // Periodic output is skipped while this much is still queued on the line.
     sched::Nanos max_backlog = 500 * sched::kMillisecond;
-    std::uint8_t geofence_status = 0;
+    // Forces the status of every geofence answer (nullopt: the fence table decides).
+    std::optional<std::uint8_t> geofence_status;
+    std::size_t geofence_capacity = 8;
+    ReceiverConfig receiver; // the sentence source when no capture is given
     std::vector<std::uint32_t> rates{standard_rates().begin(), standard_rates().end()};
     std::size_t trace_limit = 1 << 16; // oldest entries go first; 0 keeps no trace
 };
@@ -87,7 +99,7 @@ class Chip final : public LineReceiver
     void inject(const Fault& f);
     // Power off: silent and deaf. Power on: boots like after a reset.
     void set_power(bool on);
-    void set_geofence_status(std::uint8_t status);
+    void set_geofence_status(std::optional<std::uint8_t> status);
 
     // Inspection; each takes the state lock.
     ChipStats stats() const;
@@ -122,6 +134,7 @@ class Chip final : public LineReceiver
     void emit(Burst b, sched::Nanos now);
     bool backlogged(sched::Nanos now);
     void emit_status(sched::Nanos now);
+    std::vector<std::string> next_sentences(sched::Nanos now);
     void emit_epoch(sched::Nanos now);
     void record(TraceEntry e);
     void configure_rate(std::uint32_t rate);
@@ -132,6 +145,8 @@ class Chip final : public LineReceiver
     const ChipConfig config_;
     Random random_;
     Protocol protocol_;
+    ReceiverModel receiver_;
+    const sched::Nanos epoch_period_;
     FaultScript faults_;
     FrameParser parser_;
     ChipStats stats_;

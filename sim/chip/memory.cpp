@@ -15,12 +15,22 @@ bool fits(std::uint32_t address, std::size_t count)
 
 bool ChipMemory::write(std::uint32_t address, std::span<const std::uint8_t> bytes)
 {
+    return store(address, bytes, false);
+}
+
+bool ChipMemory::load(std::uint32_t address, std::span<const std::uint8_t> bytes)
+{
+    return store(address, bytes, true);
+}
+
+bool ChipMemory::store(std::uint32_t address, std::span<const std::uint8_t> bytes, bool force)
+{
     if (!fits(address, bytes.size())) {
         return false;
     }
     for (std::size_t i = 0; i < bytes.size(); ++i) {
         const auto a = static_cast<std::uint32_t>(address + i);
-        if (read_only(a)) {
+        if (!force && read_only(a)) {
             continue;
         }
         auto [it, fresh] = pages_.try_emplace(a >> kPageBits);

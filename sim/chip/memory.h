@@ -18,6 +18,8 @@ class ChipMemory
   public:
     // False (and nothing written) when the range wraps past the top of the address space.
     bool write(std::uint32_t address, std::span<const std::uint8_t> bytes);
+    // The chip's own values: they stick in read-only ranges too.
+    bool load(std::uint32_t address, std::span<const std::uint8_t> bytes);
     // Empty when the range wraps past the top of the address space.
     std::vector<std::uint8_t> read(std::uint32_t address, std::size_t count) const;
     std::uint8_t byte(std::uint32_t address) const;
@@ -30,6 +32,7 @@ class ChipMemory
     using Page = std::array<std::uint8_t, 1u << kPageBits>;
 
     bool read_only(std::uint32_t address) const;
+    bool store(std::uint32_t address, std::span<const std::uint8_t> bytes, bool force);
 
     std::map<std::uint32_t, Page> pages_;
     std::vector<std::pair<std::uint32_t, std::uint32_t>> read_only_;

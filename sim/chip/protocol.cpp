@@ -44,9 +44,23 @@ bool write_width_ok(std::uint8_t sid, std::uint32_t address, std::size_t n)
 
 } // namespace
 
-Protocol::Protocol(ByteOrder order, std::vector<std::uint32_t> rates, std::uint8_t geofence_status)
-    : order_(order), rates_(std::move(rates)), geofence_status_(geofence_status)
+Protocol::Protocol(ByteOrder order, std::vector<std::uint32_t> rates, std::size_t geofence_capacity)
+    : order_(order), rates_(std::move(rates)), geofences_(geofence_capacity)
 {
+    memory_.set_read_only(kRevision, 1);
+    power_on_memory();
+}
+
+void Protocol::power_on_memory()
+{
+    const std::pair<std::uint32_t, std::uint8_t> values[] = {
+        {kGuardRegister, kGuardValue}, {kControlByte, kControlPowerOn},
+        {kRevision, kRevisionValue},   {kDownloadWord, 1},
+        {kColdStartWord, 1},
+    };
+    for (auto [address, value] : values) {
+        memory_.load(address, std::span(&value, 1));
+    }
 }
 
 std::uint32_t Protocol::get_u32(const std::uint8_t* p) const
@@ -74,7 +88,9 @@ void Protocol::put_u32(std::vector<std::uint8_t>& out, std::uint32_t v) const
 void Protocol::reset()
 {
     state_ = ChipState{};
+    geofences_.clear();
     memory_.clear();
+    power_on_memory();
 }
 
 Outcome Protocol::execute(const Frame& f)
@@ -130,11 +146,7 @@ Outcome Protocol::execute(const Frame& f)
     case kPidGeofence:
         return geofence(f);
     case kPidNmea:
-        if (f.sid < 2 || f.sid > 4) {
-            return refuse(kUnknownCommand);
-        }
-        state_.nmea_on = f.sid != 2;
-        return accept();
+        return nmea(f);
     default:
         return refuse(kUnknownCommand);
     }
@@ -179,7 +191,23 @@ Outcome Protocol::agps(const Frame& f)
     if (f.payload.size() != kAgpsSize[f.sid]) {
         return refuse(kBadLength);
     }
-    state_.agps.push_back({f.sid, f.payload});
+    Assistance& a = state_.agps;
+    if (f.sid == 0) {
+        a = Assistance{f.payload, {}};
+        Outcome o;
+        o.assisted = true;
+        return o;
+    }
+    // A type 1 block opens a slot, unless it repeats the one that opened the current slot.
+    const bool repeat = !a.slots.empty() && a.slots.back().blocks.size() == 1 &&
+                        a.slots.back().blocks.begin()->second == f.payload;
+    if (f.sid == 1 && !repeat) {
+        a.slots.emplace_back();
+    }
+    if (a.slots.empty()) {
+        return refuse(kBadArgument);
+    }
+    a.slots.back().blocks[f.sid] = f.payload;
     return accept();
 }
 
@@ -193,15 +221,18 @@ Outcome Protocol::receiver(const Frame& f)
         }
         ++state_.cold_starts;
         Outcome o;
-        o.restart_playback = true;
+        o.start = Start::Cold;
         return o;
     }
-    case kSidWarmStart:
+    case kSidWarmStart: {
         if (n != 1) {
             return refuse(kBadLength);
         }
         ++state_.warm_starts;
-        return accept();
+        Outcome o;
+        o.start = Start::Warm;
+        return o;
+    }
     case kSidSleep: {
         Outcome o;
         o.sleep = true;
@@ -212,18 +243,36 @@ Outcome Protocol::receiver(const Frame& f)
     }
 }
 
-// The answer names the geofence by the first field of the command, little-endian, and gives
-// the configured status after it.
-Outcome Protocol::geofence(const Frame& f)
+// Off (sid 2) and on (sid 3). Sid 4, which the driver sends before sid 3 when a client asks
+// for output, is accepted and changes nothing.
+Outcome Protocol::nmea(const Frame& f)
 {
-    if (f.sid > 6) {
+    if (f.sid < 2 || f.sid > 4) {
         return refuse(kUnknownCommand);
     }
-    state_.geofence.push_back(f);
+    if (f.sid != 4) {
+        state_.nmea_on = f.sid == 3;
+    }
+    return accept();
+}
+
+// The answer carries the fence's identifier (u16, little-endian) and the status.
+Outcome Protocol::geofence(const Frame& f)
+{
+    if (f.sid > kSidGeofenceReport) {
+        return refuse(kUnknownCommand);
+    }
+    GeofenceAnswer a;
+    if (geofence_status_) {
+        a.id = static_cast<std::uint16_t>(f.payload.size() >= 2 ? f.payload[0] | f.payload[1] << 8
+                                                                : 0);
+        a.status = *geofence_status_;
+    } else {
+        a = geofences_.execute(f.sid, f.payload);
+        state_.geofences = geofences_.fences();
+    }
     Outcome o;
-    o.data.push_back(f.payload.size() > 0 ? f.payload[0] : 0);
-    o.data.push_back(f.payload.size() > 1 ? f.payload[1] : 0);
-    o.data.push_back(geofence_status_);
+    o.data = {static_cast<std::uint8_t>(a.id), static_cast<std::uint8_t>(a.id >> 8), a.status};
     return o;
 }
 

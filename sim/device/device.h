@@ -23,7 +23,7 @@ inline constexpr std::uint64_t kUartConnectionId = 0x0000000100000002ull;
 struct DeviceConfig {
     std::string image;           // the driver's shared object
     std::uint32_t rate = 921600; // BaudRateIndex in the device's Parameters; the chip's rate
-    std::string capture;         // the NMEA capture the simulated chip plays (none: no sentences)
+    std::string capture;         // the NMEA capture the chip plays (none: its receiver model)
     std::string tty;             // a real serial port instead of the simulated wire and chip
     std::uint64_t connection_id = kUartConnectionId;
     chip::ChipConfig chip; // its rate and capture come from the fields above

@@ -35,6 +35,9 @@ const std::set<std::string> kDriverRoutines = {
     // read pipeline
     "StartFunc_GPS", "UART_AllocateReadResources", "UART_FreeReadResources",
     "UART_ProcessReadQueue", "UART_ProcessReadQueue_GPS",
+    // GPS control
+    "H4DownloadPatchCode", "start_gps", "set_nmea_output", "set_nmea_switch", "set_output_option",
+    "hci_command_agps_tx", "hci_command_geofence", "geofence_status",
     // the test driver's stand-in for the lifecycle code's stop
     "DataPathReleaseHardware"};
 
@@ -199,6 +202,50 @@ void thread_ends(LogLines& t)
     t.remove();
 }
 
+// The start-up sequence whose RF register step fails, after a whole one.
+void start_up(LogLines& t)
+{
+    t.start();
+    EXPECT_TRUE(t.ops().DownloadPatchCode(&t.ext()));
+    wdf::faults::add(wdf::faults::fail_nth_send(3, wdf::faults::Op::Write));
+    EXPECT_FALSE(t.ops().DownloadPatchCode(&t.ext()));
+}
+
+void starts(LogLines& t)
+{
+    t.start();
+    t.ext().Initialized_flag = 0;
+    EXPECT_EQ(t.ops().StartGps(&t.ext(), GPS_START_COLD), 0);
+    wdf::faults::add(wdf::faults::fail_nth_send(1, wdf::faults::Op::Write));
+    EXPECT_EQ(t.ops().StartGps(&t.ext(), GPS_START_WARM), -1);
+}
+
+// NMEA off and the assistance data refused by the UART, and a geofence status the chip's
+// table never gives.
+void receiver_commands(LogLines& t)
+{
+    t.start();
+    wdf::faults::add(wdf::faults::fail_nth_send(1, wdf::faults::Op::Write));
+    EXPECT_EQ(t.ops().SetNmeaOutput(0, &t.ext()), -1);
+    GPS_AGPS_RECORD record{};
+    record.Valid = 1;
+    wdf::faults::add(wdf::faults::fail_nth_send(1, wdf::faults::Op::Write));
+    EXPECT_EQ(t.ops().AgpsTx(&t.ext(), &record), -1);
+    t.chip().set_geofence_status(9);
+    GEOFENCE_CMD_PAYLOAD query = {{0x34, 0x12, 0, 0}};
+    EXPECT_EQ(t.ops().GeofenceCmd(&t.ext(), 0x1234, 0x30, 4, &query, sizeof(query)), -149);
+}
+
+// A switch to 115200 that the chip was told of, then a rate the port refuses.
+void baud_switch(LogLines& t)
+{
+    t.start();
+    EXPECT_EQ(t.xfer(HCI_PID_BAUD_RATE, 0, {0x00, 0xC2, 0x01, 0x00}), 0);
+    EXPECT_EQ(t.ops().ChangeBaudrate(&t.ext(), 115200, 0), 0);
+    t.run_for(50 * kMillisecond);
+    EXPECT_EQ(t.ops().ChangeBaudrate(&t.ext(), 12345, 0), -1);
+}
+
 const Scenario kScenarios[] = {
     {"unanswered_command",
      unanswered_command,
@@ -278,6 +325,26 @@ const Scenario kScenarios[] = {
       {DBG_ERROR, "UART_ProcessReadQueue_GPS", "OsSetSignal Threadprocess_FinishSignal"},
       {DBG_ERROR, "UART_FreeReadResources", "+UART_DestroyLocalIoQueues"},
       {DBG_ERROR, "UART_FreeReadResources", "---FdoExtension"}}},
+    {"start_up",
+     start_up,
+     {{DBG_ERROR, "H4DownloadPatchCode", "Failed to set RF register 0x31 as 0x2A856"}}},
+    {"starts",
+     starts,
+     {{DBG_COMPLETE, "start_gps", "Begin: start_gps!"},
+      {DBG_QUEUE, "start_gps", "funcx: Failed to GPS_WARM_START"}}},
+    {"receiver_commands",
+     receiver_commands,
+     {{DBG_ERROR, "set_nmea_switch", "disable"},
+      {DBG_ERROR, "hci_command_agps_tx", "Failed to xfer type0"},
+      {DBG_ERROR, "hci_command_geofence", "a5 "},
+      {DBG_ERROR, "geofence_status", "unknown status"}}},
+    {"baud_switch",
+     baud_switch,
+     {{DBG_OS, "change_baudrate", "COM: Set BaudRate(115200)"},
+      {DBG_BAUD, "change_baudrate", "COM: BaudRate(115200)"},
+      {DBG_ERROR, "change_baudrate", "reset_circ"},
+      {DBG_OS, "change_baudrate", "COM: Set BaudRate(12345)"},
+      {DBG_ERROR, "change_baudrate", "Failed to set baudrate"}}},
 };
 
 constexpr ULONG kEveryCategory = 0xFFFFFFFFu;

@@ -72,9 +72,12 @@ TEST_F(DataPath, MemoryCommandsFailWithoutEffect)
     EXPECT_TRUE(chip_received(HCI_PID_MEM_WRITE).empty());
     EXPECT_TRUE(chip_received(HCI_PID_MEM_READ).empty());
 
+    // A guard register stuck at another value than the one written.
+    chip().poke(HCI_CHIP_GUARD_REGISTER, Bytes{0});
     chip().set_read_only(HCI_CHIP_GUARD_REGISTER, 1);
+    const Bytes before = chip().peek(HCI_CHIP_CTRL_BYTE, 1);
     EXPECT_EQ(ops().SetCtrlByte(&ext(), 70), -1);
-    EXPECT_EQ(chip().peek(HCI_CHIP_CTRL_BYTE, 1), Bytes{0});
+    EXPECT_EQ(chip().peek(HCI_CHIP_CTRL_BYTE, 1), before);
 }
 
 } // namespace

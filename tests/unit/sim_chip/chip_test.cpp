@@ -44,15 +44,17 @@ TEST(Chip, AnswersEveryCommandAndKeepsOnlyWhatItAccepted)
         {"warm start", 0x20, 2, {4}, kAccepted, {}},
         {"warm start, no payload", 0x20, 2, {}, kBadLength, {}},
         {"assistance type 0", 6, 0, Bytes(28, 1), kAccepted, {}},
+        {"assistance type 3, no slot open", 6, 3, Bytes(24, 2), kBadArgument, {}},
+        {"assistance type 1", 6, 1, Bytes(48, 3), kAccepted, {}},
         {"assistance type 3", 6, 3, Bytes(24, 2), kAccepted, {}},
         {"assistance, wrong size", 6, 2, Bytes(25, 1), kBadLength, {}},
         {"assistance, unknown type", 6, 7, Bytes(36, 1), kUnknownCommand, {}},
-        {"geofence", 0x30, 3, {0x34, 0x12, 0, 0}, kAccepted, {0x34, 0x12, 9}},
+        {"geofence", 0x30, 3, {0x34, 0x12, 0, 0}, kAccepted, {0x34, 0x12, 4}},
+        {"geofence, unknown sid", 0x30, 7, {0x34, 0x12, 0, 0}, kUnknownCommand, {}},
         {"baud rate, unsupported", 0x16, 0, le32(12345), kBadArgument, {}},
         {"unknown command", 0x07, 0, {}, kUnknownCommand, {}},
     };
     World w;
-    w.chip.set_geofence_status(9);
     for (const auto& c : cases) {
         const auto ack = w.client.command(c.pid, c.sid, c.payload);
         ASSERT_TRUE(ack.has_value()) << c.name;
@@ -62,13 +64,13 @@ TEST(Chip, AnswersEveryCommandAndKeepsOnlyWhatItAccepted)
     EXPECT_EQ(w.chip.stats().answers_sent, std::size(cases));
     EXPECT_NE(w.chip.trace()[0].text().find("rx 05/01"), std::string::npos);
     const ChipState st = w.chip.state();
-    EXPECT_TRUE(st.nmea_on);
+    EXPECT_FALSE(st.nmea_on) << "sid 4 alone does not turn output on";
     EXPECT_EQ(st.rf_registers, (std::map<std::uint8_t, std::uint32_t>{{0x31, 0x2A856}}));
     EXPECT_EQ(st.option, std::optional<std::uint8_t>(0));
-    EXPECT_EQ(st.agps, (std::vector<AgpsBlock>{{0, Bytes(28, 1)}, {3, Bytes(24, 2)}}));
+    EXPECT_EQ(st.agps, (Assistance{Bytes(28, 1), {{{{1, Bytes(48, 3)}, {3, Bytes(24, 2)}}}}}));
     EXPECT_EQ(st.cold_starts, 1);
     EXPECT_EQ(st.warm_starts, 1);
-    EXPECT_EQ(st.geofence.size(), 1u);
+    EXPECT_TRUE(st.geofences.empty());
 }
 
 TEST(Chip, MemoryReadsBackWhatWasWrittenInTheChipsByteOrder)
@@ -178,8 +180,140 @@ TEST(Chip, BaudCommandIsAnsweredAtTheOldRateThenTheChipSwitches)
     EXPECT_EQ(get_le32(ack->frame.payload), kAccepted);
     run_for(5 * kMs);
     EXPECT_EQ(w.chip.rate(), 115200u);
+
+    w.client.clear();
+    run_for(200 * kMs);
+    EXPECT_FALSE(w.client.raw().empty()) << "the chip goes on talking";
+    EXPECT_TRUE(w.received(kPidStatus).empty()) << "a client at the old rate hears garbage";
+
     w.client.set_rate(115200);
-    EXPECT_TRUE(w.client.await(kPidStatus, 0, 100 * kMs)) << "the line runs at the new rate";
+    run_for(5 * kMs); // what was on its way at the old rate
+    w.client.clear();
+    run_for(200 * kMs);
+    const auto all = w.client.received();
+    EXPECT_GE(all.size(), 7u) << "the line runs at the new rate";
+    for (const auto& r : all) {
+        EXPECT_EQ(r.verdict, FrameParser::Verdict::Good);
+        EXPECT_EQ(r.frame.pid, kPidStatus);
+    }
+}
+
+TEST(Chip, StartUpAddressesHoldTheirPowerOnValues)
+{
+    struct Case {
+        std::uint32_t address;
+        std::uint8_t power_on;
+        std::uint8_t after_write_of_70;
+    } cases[] = {
+        {kGuardRegister, 10, 70}, {kControlByte, 0x40, 70}, {kRevision, 0x21, 0x21}, // read only
+        {kDownloadWord, 1, 70},   {kColdStartWord, 1, 70},
+    };
+    World w;
+    const auto read = [&](std::uint32_t a) {
+        const auto ack = w.client.command(4, 0, cat({le32(a), num(1, 2)}));
+        return ack && ack->frame.payload.size() == 5 ? ack->frame.payload[4] : -1;
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(read(c.address), c.power_on) << std::hex << c.address;
+        ASSERT_TRUE(w.client.command(5, 1, cat({le32(c.address), {70}})));
+        EXPECT_EQ(read(c.address), c.after_write_of_70) << std::hex << c.address;
+    }
+    w.chip.inject(Fault::reset());
+    run_for(100 * kMs);
+    for (const auto& c : cases) {
+        EXPECT_EQ(read(c.address), c.power_on) << "after a reset, " << std::hex << c.address;
+    }
+}
+
+// A 36-byte add command: id, alignment, latitude, longitude, radius, last transition,
+// alignment, monitored transitions, three more words.
+Bytes add_fence(std::uint16_t id, std::uint8_t last = 1, std::uint32_t monitored = 3)
+{
+    return cat({num(id, 2),
+                {0, 0},
+                le32(481173000),
+                le32(115167000),
+                le32(150),
+                {last, 0, 0, 0},
+                le32(monitored),
+                le32(1000),
+                le32(30000),
+                le32(0)});
+}
+
+Bytes truncated(Bytes b)
+{
+    b.pop_back();
+    return b;
+}
+
+Bytes fence_cmd(std::uint16_t id, std::uint8_t arg = 0)
+{
+    return cat({num(id, 2), {arg, 0}});
+}
+
+TEST(Chip, GeofenceAnswersFollowTheTable)
+{
+    struct Step {
+        const char* name;
+        std::uint8_t sid;
+        Bytes payload;
+        std::uint16_t id;
+        std::uint8_t status;
+    } steps[] = {
+        {"add", kSidGeofenceAdd, add_fence(1), 1, kGeofenceDone},
+        {"add, same id", kSidGeofenceAdd, add_fence(1), 1, kGeofenceIdExists},
+        {"add, last transition not one", kSidGeofenceAdd, add_fence(2, 3), 2,
+         kGeofenceBadTransition},
+        {"add, monitors nothing", kSidGeofenceAdd, add_fence(2, 1, 0), 2, kGeofenceBadTransition},
+        {"add, monitors an unknown transition", kSidGeofenceAdd, add_fence(2, 1, 8), 2,
+         kGeofenceBadTransition},
+        {"add, short", kSidGeofenceAdd, truncated(add_fence(2)), 2, kGeofenceGeneric},
+        {"remove, unknown", kSidGeofenceRemove, fence_cmd(7), 7, kGeofenceUnknownId},
+        {"query", kSidGeofenceQuery, fence_cmd(1), 1, kGeofenceDone},
+        {"resume, running", kSidGeofenceResume, fence_cmd(1, 1), 1, kGeofenceGeneric},
+        {"pause", kSidGeofencePause, fence_cmd(1), 1, kGeofenceDone},
+        {"pause, paused", kSidGeofencePause, fence_cmd(1), 1, kGeofenceGeneric},
+        {"resume, no transition", kSidGeofenceResume, fence_cmd(1, 0), 1, kGeofenceBadTransition},
+        {"resume, exits only", kSidGeofenceResume, fence_cmd(1, 2), 1, kGeofenceDone},
+        {"report, not monitored", kSidGeofenceReport, fence_cmd(1, 1), 1, kGeofenceBadTransition},
+        {"report, exited", kSidGeofenceReport, fence_cmd(1, 2), 1, kGeofenceDone},
+        {"report, short", kSidGeofenceReport, num(1, 2), 1, kGeofenceGeneric},
+    };
+    World w;
+    const auto answer = [&](std::uint8_t sid, const Bytes& payload) {
+        const auto ack = w.client.command(kPidGeofence, sid, payload);
+        return ack ? ack->frame.payload : Bytes{};
+    };
+    const auto status = [&](std::uint8_t sid, const Bytes& payload) {
+        const Bytes a = answer(sid, payload);
+        return a.size() == 7 ? a[6] : -1;
+    };
+    for (const auto& s : steps) {
+        EXPECT_EQ(answer(s.sid, s.payload), cat({le32(kAccepted), num(s.id, 2), {s.status}}))
+            << s.name;
+    }
+    const auto fences = w.chip.state().geofences;
+    const Geofence& one = fences.at(1);
+    EXPECT_EQ(one.last_transition, 2);
+    EXPECT_EQ(one.monitored, 2u);
+    EXPECT_EQ(one.radius, 150u);
+
+    for (std::uint16_t id = 2; id <= 8; ++id) {
+        EXPECT_EQ(status(kSidGeofenceAdd, add_fence(id)), kGeofenceDone);
+    }
+    EXPECT_EQ(status(kSidGeofenceAdd, add_fence(9)), kGeofenceTooMany);
+    EXPECT_EQ(status(kSidGeofenceRemove, fence_cmd(8)), kGeofenceDone);
+    EXPECT_EQ(status(kSidGeofenceAdd, add_fence(9)), kGeofenceDone);
+    EXPECT_EQ(status(kSidGeofenceClear, fence_cmd(0)), kGeofenceDone);
+    EXPECT_EQ(status(kSidGeofenceQuery, fence_cmd(1)), kGeofenceUnknownId);
+    EXPECT_TRUE(w.chip.state().geofences.empty());
+
+    w.chip.set_geofence_status(9);
+    const auto forced = w.client.command(kPidGeofence, kSidGeofenceAdd, add_fence(5));
+    ASSERT_TRUE(forced.has_value());
+    EXPECT_EQ(forced->frame.payload, cat({le32(kAccepted), num(5, 2), {9}}));
+    EXPECT_TRUE(w.chip.state().geofences.empty()) << "a forced answer leaves the table alone";
 }
 
 TEST(Chip, SleepsUntilTheNextFrame)

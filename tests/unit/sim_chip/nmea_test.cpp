@@ -6,6 +6,7 @@
 #include <string>
 
 #include "sim/chip/nmea.h"
+#include "sim_testkit/captures.h"
 
 namespace mvgps::sim::chip
 {
@@ -57,10 +58,8 @@ TEST(NmeaCapture, CutsEpochsAndFindsTheirPeriod)
 
 TEST(NmeaCapture, RealCapturesLoadWhole)
 {
-    const std::filesystem::path dir = MVGPS_NMEA_DIR;
-    if (!std::filesystem::exists(dir)) {
-        GTEST_SKIP() << "no captures at " << dir;
-    }
+    const std::filesystem::path dir = testkit::nmea_dir();
+    SKIP_WITHOUT_CAPTURES(dir);
     int files = 0;
     for (const auto& entry : std::filesystem::directory_iterator(dir)) {
         if (entry.path().extension() != ".log") {

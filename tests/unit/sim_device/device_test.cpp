@@ -5,6 +5,7 @@
 #include "pnp/client.h"
 #include "pnp/system.h"
 #include "sim/device/device.h"
+#include "sim_testkit/captures.h"
 #include "sim_testkit/client.h"
 #include "uart_probe.h"
 
@@ -58,7 +59,9 @@ class HostedDeviceTest : public ::testing::Test
 
 TEST_F(HostedDeviceTest, ResourceHubLeadsTheDriverToTheControllerAtTheDeviceRate)
 {
-    start(config(UART_PROBE_PATH, std::string(MVGPS_NMEA_DIR) + "/bu353s4.log"));
+    const auto capture = testkit::nmea_dir() / "bu353s4.log";
+    SKIP_WITHOUT_CAPTURES(capture);
+    start(config(UART_PROBE_PATH, capture.string()));
     const auto path = pnp::resource_hub_path(kUartConnectionId);
     EXPECT_EQ(path, u"\\Device\\RESOURCE_HUB\\0000000100000002");
     EXPECT_EQ(io::lookup(path).get(), &device->controller());
