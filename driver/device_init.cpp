@@ -92,6 +92,7 @@ static VOID unwind_device_init(FdoExtension* ext)
     if (ext->AckBuffer != NULL) {
         ExFreePoolWithTag(ext->AckBuffer, DRIVER_POOL_TAG);
         ext->AckBuffer = NULL;
+        ext->AckBufferSize = 0;
     }
     free_signal(&ext->Threadprocess_FinishSignal, "free Threadprocess_FinishSignal");
     free_signal(&ext->Threadread_FinishSignal, "free Threadread_FinishSignal");
@@ -166,6 +167,7 @@ _Use_decl_annotations_ BOOLEAN DeviceInitialize(WDFDEVICE Device, FdoExtension* 
         unwind_device_init(Extension);
         return FALSE;
     }
+    Extension->AckBufferSize = FDO_ACK_BUFFER_SIZE;
     InitializeListHead(&Extension->ReadDataList);
     if (!NT_SUCCESS(FdoStartThreads(Extension, "DeviceInitialize"))) {
         unwind_device_init(Extension);

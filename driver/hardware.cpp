@@ -199,6 +199,7 @@ _Use_decl_annotations_ NTSTATUS FdoDevReleaseHardware(WDFDEVICE Device,
     if (ext->AckBuffer != NULL) {
         ExFreePoolWithTag(ext->AckBuffer, 0);
         ext->AckBuffer = NULL;
+        ext->AckBufferSize = 0;
     }
     MvDbgPrint(DBG_ERROR, "FdoDevReleaseHardware\n");
     return STATUS_SUCCESS;

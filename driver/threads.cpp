@@ -59,7 +59,11 @@ _Use_decl_annotations_ VOID FdoStopThreads(FdoExtension* Context, BOOLEAN ClearS
     }
     WriteULongRelease(&Context->Threadread_flag, 0);
     MvDbgPrintAs(Function, DBG_ERROR, "Threadread_flag is NULL");
-    (VOID) OsWaitForSignal(Context->Threadread_FinishSignal, 0);
+    // A rate switch that stopped early has collected the read thread and cleared its signal
+    // already; there is nothing to wait for then.
+    if (Context->ReadThread != NULL) {
+        (VOID) OsWaitForSignal(Context->Threadread_FinishSignal, 0);
+    }
     MvDbgPrintAs(Function, DBG_ERROR, "OsWaitForSignal Threadread_FinishSignal");
     if (ClearSignals) {
         OsClearSignal(Context->Threadread_FinishSignal);

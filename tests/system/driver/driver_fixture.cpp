@@ -76,7 +76,19 @@ NTSTATUS DriverTest::start(const Node& node, std::uint32_t chip_rate)
         config.parameters[u"BaudRateIndex"] = *node.baud_rate;
     }
     stack_ = std::make_unique<pnp::DeviceStack>(config);
-    return stack_->bring_up();
+    NTSTATUS status = stack_->load();
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    set_log_mask(node.log_mask);
+    status = stack_->add();
+    if (NT_SUCCESS(status)) {
+        status = stack_->start();
+    }
+    if (!NT_SUCCESS(status)) {
+        stack_->unload();
+    }
+    return status;
 }
 
 void DriverTest::start_running(const Node& node)

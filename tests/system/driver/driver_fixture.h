@@ -39,6 +39,7 @@ struct Node {
     std::optional<ULONG> baud_rate = 921600; // BaudRateIndex; none: the value is absent
     bool serial_port = false;                // the UART is also a serial-port interface
     bool chip_silent = false;                // the chip is powered off
+    ULONG log_mask = DEBUG_LOG_MASK_DEFAULT; // DebugLogMask from the image's load on
 };
 
 class DriverTest : public testing::Test

@@ -1,6 +1,7 @@
 // PnP and the driver's life: failed starts release exactly what they made, the device goes
 // away cleanly in every way it can, and every log line also reaches event tracing.
 #include "driver_fixture.h"
+#include "driver_log.h"
 #include "os/pool_tags.h"
 #include "wdf/faults.h"
 
@@ -21,6 +22,26 @@ TEST_F(DriverTest, EveryLogLineIsAlsoTraced)
     EXPECT_TRUE(traced);
     EXPECT_TRUE(logged("DriverDeviceAdd success "));
     EXPECT_EQ(kernel::registered_providers(), 1u);
+}
+
+// With every category on, a whole life of the device (start, the child, a refused child
+// request, sleep, wake, removal) prints each line under one of the driver's routines.
+TEST_F(DriverTest, EveryLineCarriesARoutineName)
+{
+    Node node;
+    node.log_mask = 0xFFFFFFFF;
+    start_running(node);
+    std::unique_ptr<pnp::ClientHandle> child = open_child();
+    ASSERT_NE(child, nullptr);
+    EXPECT_EQ(child->ioctl_async(0x222864, {}, 0)->status(), STATUS_INVALID_PARAMETER);
+    ASSERT_EQ(stack().sleep(PowerDeviceD3), STATUS_SUCCESS);
+    ASSERT_EQ(stack().wake(), STATUS_SUCCESS);
+    child->close();
+    remove();
+    EXPECT_TRUE(logged("Enter DriverDeviceAdd")); // an entry trace: the mask took effect
+    for (const LogLine& line : parse_log(log())) {
+        EXPECT_TRUE(driver_routines().count(line.function)) << line.function << ": " << line.text;
+    }
 }
 
 // A chip that never answers fails the start-up: the threads stop in order, everything
