@@ -130,11 +130,14 @@ TEST_F(DriverTest, SurpriseRemovalWithClientsOpen)
     std::unique_ptr<pnp::ClientHandle> parent = open_parent();
     std::unique_ptr<pnp::ClientHandle> child = open_child();
     stack().surprise_remove();
-    EXPECT_TRUE(logged_in_order({"---->DO EXIT to 5", "Threadread_flag is NULL",
-                                 "FdoDevReleaseHardware", "---->FdoDevSelfManagedIoCleanup"}))
+    EXPECT_TRUE(
+        logged_in_order({"---->DO EXIT to 5", "Threadread_flag is NULL", "FdoDevReleaseHardware"}))
         << log();
     parent->close();
     child->close();
+    // The read resources go with the later removal at the latest.
+    remove();
+    EXPECT_TRUE(logged_in_order({"FdoDevReleaseHardware", "---->FdoDevSelfManagedIoCleanup"}));
 }
 
 TEST_F(DriverTest, RemovalWithClientsStillOpen)
