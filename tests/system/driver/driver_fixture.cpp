@@ -166,6 +166,18 @@ bool DriverTest::logged_in_order(const std::vector<std::string>& texts)
     return true;
 }
 
+bool DriverTest::wait_until(const std::function<bool()>& done)
+{
+    const sched::Nanos deadline = sched::current().now() + kSecond;
+    while (!done()) {
+        if (sched::current().now() >= deadline) {
+            return false;
+        }
+        run_for(kMillisecond);
+    }
+    return true;
+}
+
 std::size_t DriverTest::chip_heard(std::uint8_t pid, std::uint8_t sid) const
 {
     std::size_t n = 0;

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -74,6 +75,8 @@ class DriverTest : public testing::Test
     // Frames the chip heard with this pid and sid, in order.
     std::size_t chip_heard(std::uint8_t pid, std::uint8_t sid) const;
     static void run_for(sched::Nanos d) { sim::testkit::run_for(d); }
+    // Lets the simulation run until the condition holds; false after a second without.
+    static bool wait_until(const std::function<bool()>& done);
 
   private:
     static void* image_symbol(const char* name);

@@ -33,7 +33,9 @@ TEST_F(DriverTest, EveryLineCarriesARoutineName)
     start_running(node);
     std::unique_ptr<pnp::ClientHandle> child = open_child();
     ASSERT_NE(child, nullptr);
-    EXPECT_EQ(child->ioctl_async(0x222864, {}, 0)->status(), STATUS_INVALID_PARAMETER);
+    std::shared_ptr<pnp::PendingIo> refused = child->ioctl_async(0x222864, {}, 0);
+    ASSERT_TRUE(refused->wait(sched::current().now() + kSecond));
+    EXPECT_EQ(refused->status(), STATUS_INVALID_PARAMETER);
     ASSERT_EQ(stack().sleep(PowerDeviceD3), STATUS_SUCCESS);
     ASSERT_EQ(stack().wake(), STATUS_SUCCESS);
     child->close();
