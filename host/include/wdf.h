@@ -980,6 +980,7 @@ NTSTATUS WdfIoTargetOpen(WDFIOTARGET IoTarget, PWDF_IO_TARGET_OPEN_PARAMS OpenPa
 NTSTATUS WdfIoTargetStart(WDFIOTARGET IoTarget);
 VOID WdfIoTargetStop(WDFIOTARGET IoTarget, WDF_IO_TARGET_SENT_IO_ACTION Action);
 VOID WdfIoTargetClose(WDFIOTARGET IoTarget);
+VOID WdfIoTargetCloseForQueryRemove(WDFIOTARGET IoTarget);
 WDF_IO_TARGET_STATE WdfIoTargetGetState(WDFIOTARGET IoTarget);
 NTSTATUS WdfIoTargetSendReadSynchronously(WDFIOTARGET IoTarget, WDFREQUEST Request,
                                           PWDF_MEMORY_DESCRIPTOR OutputBuffer,

@@ -12,6 +12,7 @@
 #define NTSYSAPI
 #define NTKERNELAPI
 #define FORCEINLINE inline __attribute__((always_inline))
+#define DECLSPEC_NORETURN __attribute__((noreturn))
 #define DECLSPEC_NOINLINE __attribute__((noinline))
 #define UNREFERENCED_PARAMETER(P) ((void)(P))
 #define _In_
@@ -214,6 +215,7 @@ inline bool operator==(REFGUID a, REFGUID b)
 #define STATUS_DEVICE_DOES_NOT_EXIST ((NTSTATUS)0xC00000C0L)
 #define STATUS_INTERNAL_ERROR ((NTSTATUS)0xC00000E5L)
 #define STATUS_CANCELLED ((NTSTATUS)0xC0000120L)
+#define STATUS_ASSERTION_FAILURE ((NTSTATUS)0xC0000420L)
 #define STATUS_DELETE_PENDING ((NTSTATUS)0xC0000056L)
 #define STATUS_INVALID_BUFFER_SIZE ((NTSTATUS)0xC0000206L)
 #define STATUS_NOT_FOUND ((NTSTATUS)0xC0000225L)
@@ -661,9 +663,14 @@ EXTERN_C_END
     WCHAR _var##_buffer[_size];                                                                    \
     UNICODE_STRING _var = {0, (_size) * sizeof(WCHAR), _var##_buffer}
 
-#define ASSERT(e) ((void)0)
-#define NT_ASSERT(e) ((void)0)
-#define NT_VERIFY(e) ((void)(e))
+// Assertions are live in every build of the host: a false one is a bug check, as an
+// assertion with no debugger attached is on Windows.
+EXTERN_C_START
+DECLSPEC_NORETURN VOID NTAPI mvgps_AssertionFailure(PCSTR Expression, PCSTR File, ULONG Line);
+EXTERN_C_END
+#define NT_ASSERT(e) ((e) ? (void)0 : mvgps_AssertionFailure(#e, __FILE__, __LINE__))
+#define ASSERT(e) NT_ASSERT(e)
+#define NT_VERIFY(e) ((e) ? TRUE : (mvgps_AssertionFailure(#e, __FILE__, __LINE__), FALSE))
 
 // ---------------------------------------------------------------------------------------
 // I/O definitions shared with user mode

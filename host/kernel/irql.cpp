@@ -128,6 +128,16 @@ VOID mvgps_PagedCode(PCSTR Function)
     }
 }
 
+VOID mvgps_AssertionFailure(PCSTR Expression, PCSTR File, ULONG Line)
+{
+    std::string where = File;
+    where = where.substr(where.find_last_of('/') + 1);
+    verifier::bugcheck(verifier::kKmodeExceptionNotHandled,
+                       std::string("assertion failed: ") + Expression + " (" + where + ":" +
+                           std::to_string(Line) + ")",
+                       static_cast<ULONG>(STATUS_ASSERTION_FAILURE));
+}
+
 VOID KeBugCheckEx(ULONG BugCheckCode, ULONG_PTR P1, ULONG_PTR P2, ULONG_PTR P3, ULONG_PTR P4)
 {
     verifier::bugcheck(BugCheckCode, "the driver called KeBugCheckEx", P1, P2, P3, P4);

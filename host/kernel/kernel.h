@@ -19,6 +19,9 @@ KIRQL current_irql();
 // Spin locks the calling thread holds right now.
 std::size_t spin_locks_held();
 
+// System threads still running whose start routine lies in the image loaded at `image_base`.
+std::vector<std::string> threads_running_in(const void* image_base);
+
 // ---- Pool ----------------------------------------------------------------------------------
 struct TagStats {
     ULONG tag = 0;

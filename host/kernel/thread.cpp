@@ -23,6 +23,8 @@ struct KernelThread {
     std::string name;
     LONG_PTR references = 0;
     KPRIORITY priority = 8;
+    const void* image = nullptr; // base of the image its start routine lies in
+    bool running = false;
 };
 
 namespace
@@ -111,6 +113,10 @@ void run(KernelThread* thread, PKSTART_ROUTINE routine, PVOID context)
     state.object = thread;
     verifier::note("thread start " + thread->name);
     routine(context);
+    {
+        std::lock_guard lock(objects().mutex);
+        thread->running = false;
+    }
     if (state.irql != PASSIVE_LEVEL || !state.held.empty()) {
         verifier::bugcheck(verifier::kDriverVerifierViolation,
                            "system thread " + thread->name + " returned at " +
@@ -135,6 +141,25 @@ ThreadState::~ThreadState()
 
 } // namespace mvgps::kernel::detail
 
+namespace mvgps::kernel
+{
+
+std::vector<std::string> threads_running_in(const void* image_base)
+{
+    using namespace detail;
+    std::vector<std::string> names;
+    Objects& o = objects();
+    std::lock_guard lock(o.mutex);
+    for (const auto& [header, thread] : o.threads) {
+        if (thread->running && thread->image == image_base) {
+            names.push_back(thread->name);
+        }
+    }
+    return names;
+}
+
+} // namespace mvgps::kernel
+
 using namespace mvgps;
 using namespace mvgps::kernel::detail;
 
@@ -157,9 +182,13 @@ NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES, H
     }
     // One reference for the handle, one for the running thread.
     KernelThread* thread = make_thread(routine_name(StartRoutine), 2);
+    Dl_info info{};
     {
+        bool found = dladdr(reinterpret_cast<void*>(StartRoutine), &info) != 0;
         Objects& o = objects();
         std::lock_guard lock(o.mutex);
+        thread->image = found ? info.dli_fbase : nullptr;
+        thread->running = true;
         ULONG_PTR handle = o.next_handle;
         o.next_handle += 4;
         o.handles.emplace(handle, thread);

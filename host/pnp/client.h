@@ -1,8 +1,8 @@
 // A user-mode client of the driver, as DeviceIoControl sees the system: it opens a device
-// interface by class (or a device the PnP manager knows, such as a child) and sends control
-// codes synchronously or asynchronously. METHOD_BUFFERED requests carry one system buffer of
-// max(input, output) bytes and return `Information` bytes of it; METHOD_NEITHER requests
-// hand the driver the caller's own buffers. Closing a handle cancels what it has pending.
+// interface by class (or a device the PnP manager knows, such as a child) in the object
+// namespace and sends control codes synchronously or asynchronously. The I/O request does
+// what the I/O manager does with the buffers (one system buffer for METHOD_BUFFERED, the
+// caller's own for METHOD_NEITHER). Closing a handle cancels what it has pending.
 #pragma once
 
 #include <wdm.h>
@@ -12,12 +12,12 @@
 #include <span>
 #include <vector>
 
+#include "io/names.h"
 #include "sched/sched.h"
 
 namespace mvgps::wdf
 {
 class Device;
-class Request;
 } // namespace mvgps::wdf
 
 namespace mvgps::pnp
@@ -28,11 +28,11 @@ class PendingIo
 {
   public:
     // CancelIoEx for this request.
-    void cancel();
-    bool wait(sched::Nanos deadline);
-    bool done() const;
-    NTSTATUS status() const;
-    ULONG_PTR information() const;
+    void cancel() { irp_->cancel(); }
+    bool wait(sched::Nanos deadline) { return irp_->wait(deadline); }
+    bool done() const { return irp_->completed(); }
+    NTSTATUS status() const { return irp_->status(); }
+    ULONG_PTR information() const { return irp_->information(); }
     // The caller's output buffer as the system left it.
     std::span<const std::uint8_t> output() const { return output_; }
 
@@ -40,12 +40,7 @@ class PendingIo
     friend class ClientHandle;
     std::vector<std::uint8_t> input_;
     std::vector<std::uint8_t> output_;
-    std::vector<std::uint8_t> system_;
-    std::weak_ptr<wdf::Request> request_;
-    bool done_ = false;
-    NTSTATUS status_ = STATUS_PENDING;
-    ULONG_PTR information_ = 0;
-    sched::WaitList waiters_;
+    std::shared_ptr<io::Request> irp_;
 };
 
 class ClientHandle
@@ -67,13 +62,9 @@ class ClientHandle
     void close();
 
   private:
-    ClientHandle(wdf::Device* device, std::shared_ptr<void> hold)
-        : device_(device), hold_(std::move(hold))
-    {
-    }
+    explicit ClientHandle(std::unique_ptr<io::File> file) : file_(std::move(file)) {}
 
-    wdf::Device* device_;
-    std::shared_ptr<void> hold_; // keeps the device's record readable after its removal
+    std::unique_ptr<io::File> file_;
     bool closed_ = false;
     std::vector<std::weak_ptr<PendingIo>> pending_;
 };

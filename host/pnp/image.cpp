@@ -75,10 +75,12 @@ NTSTATUS DriverImage::load()
         return STATUS_OBJECT_NAME_NOT_FOUND;
     }
     auto entry = reinterpret_cast<PDRIVER_INITIALIZE>(dlsym(handle_, "DriverEntry"));
-    if (!entry) {
+    Dl_info info{};
+    if (!entry || dladdr(reinterpret_cast<void*>(entry), &info) == 0) {
         close_image();
         return kInvalidImageFormat;
     }
+    base_ = info.dli_fbase;
     pool_at_load_ = live_blocks();
     UNICODE_STRING registry_path;
     registry_path.Buffer = reinterpret_cast<PWCH>(registry_path_.data());
@@ -128,6 +130,19 @@ void DriverImage::close_image()
 {
     if (!handle_) {
         return;
+    }
+    // On Windows the thread would go on running code that is gone; here the image stays
+    // mapped and the run stops.
+    auto threads = kernel::threads_running_in(base_);
+    if (!threads.empty()) {
+        std::string names;
+        for (const auto& name : threads) {
+            names += (names.empty() ? "" : ", ") + name;
+        }
+        verifier::bugcheck(verifier::kDriverUnloadedWithPendingOperations,
+                           "driver image " + path_ + " unloaded while its system thread(s) " +
+                               names + " still run",
+                           threads.size());
     }
     dlclose(handle_);
     handle_ = nullptr;

@@ -40,6 +40,7 @@ class DriverImage
     _DRIVER_OBJECT system_;
     std::u16string registry_path_;
     void* handle_ = nullptr;
+    const void* base_ = nullptr; // where the image is mapped
     std::unordered_set<const void*> pool_at_load_;
 };
 

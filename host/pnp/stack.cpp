@@ -7,13 +7,6 @@ namespace mvgps::pnp
 namespace
 {
 
-// Guarded by the scheduler's state lock.
-std::vector<DeviceStack*>& stacks()
-{
-    static std::vector<DeviceStack*> all;
-    return all;
-}
-
 class PnpOperation
 {
   public:
@@ -29,8 +22,6 @@ class PnpOperation
 DeviceStack::DeviceStack(NodeConfig config)
     : config_(std::move(config)), image_(config_.image, config_.service, config_.parameters)
 {
-    sched::StateLock lock(sched::current());
-    stacks().push_back(this);
 }
 
 DeviceStack::~DeviceStack()
@@ -45,8 +36,6 @@ DeviceStack::~DeviceStack()
     for (sched::Thread* t : threads) {
         s.join(t);
     }
-    sched::StateLock lock(s);
-    stacks().erase(std::remove(stacks().begin(), stacks().end(), this), stacks().end());
 }
 
 NTSTATUS DeviceStack::load()
@@ -129,17 +118,29 @@ NTSTATUS DeviceStack::sleep(DEVICE_POWER_STATE state)
 
 NTSTATUS DeviceStack::wake()
 {
-    PnpOperation op(pnp_lock_);
-    return fdo_ ? fdo_->set_power(PowerDeviceD0) : STATUS_INVALID_DEVICE_STATE;
+    NTSTATUS status;
+    {
+        PnpOperation op(pnp_lock_);
+        status = fdo_ ? fdo_->set_power(PowerDeviceD0) : STATUS_INVALID_DEVICE_STATE;
+    }
+    // A device that fails to power up is failed: the PnP manager removes it.
+    if (!NT_SUCCESS(status) && fdo() && fdo()->pnp_state() == wdf::Device::Pnp::Failed) {
+        remove();
+    }
+    return status;
 }
 
 NTSTATUS DeviceStack::disable()
 {
-    if (!fdo()) {
-        return STATUS_INVALID_DEVICE_STATE;
+    NTSTATUS status;
+    {
+        PnpOperation op(pnp_lock_);
+        status = fdo_ ? fdo_->query_remove() : STATUS_INVALID_DEVICE_STATE;
     }
-    unload();
-    return STATUS_SUCCESS;
+    if (NT_SUCCESS(status)) {
+        unload();
+    }
+    return status;
 }
 
 NTSTATUS DeviceStack::enable()
@@ -147,14 +148,22 @@ NTSTATUS DeviceStack::enable()
     return fdo() ? STATUS_INVALID_DEVICE_STATE : bring_up();
 }
 
-void DeviceStack::remove_device(bool surprise)
+void DeviceStack::surprise_remove()
+{
+    PnpOperation op(pnp_lock_);
+    if (fdo_) {
+        fdo_->surprise_remove();
+    }
+}
+
+void DeviceStack::remove()
 {
     PnpOperation op(pnp_lock_);
     if (!fdo_) {
         return;
     }
     wdf::Device* device = fdo_;
-    device->remove(surprise);
+    device->remove();
     auto& s = sched::current();
     sched::StateLock lock(s);
     fdo_ = nullptr;
@@ -162,19 +171,9 @@ void DeviceStack::remove_device(bool surprise)
     s.wake(children_changed_);
 }
 
-void DeviceStack::surprise_remove()
-{
-    remove_device(true);
-}
-
-void DeviceStack::remove()
-{
-    remove_device(false);
-}
-
 void DeviceStack::unload()
 {
-    remove_device(false);
+    remove();
     PnpOperation op(pnp_lock_);
     if (image_.loaded()) {
         image_.unload();
@@ -202,25 +201,6 @@ bool DeviceStack::wait_for_children(std::size_t count, sched::Nanos deadline)
     sched::StateLock lock(s);
     return s.wait(children_changed_, "children to appear", deadline,
                   [&] { return started_children_ >= count; }) == sched::WaitResult::Ready;
-}
-
-std::vector<wdf::Device*> DeviceStack::all_devices()
-{
-    std::vector<DeviceStack*> copy;
-    {
-        sched::StateLock lock(sched::current());
-        copy = stacks();
-    }
-    std::vector<wdf::Device*> out;
-    for (DeviceStack* stack : copy) {
-        if (wdf::Device* device = stack->fdo()) {
-            out.push_back(device);
-            for (wdf::Device* child : stack->children()) {
-                out.push_back(child);
-            }
-        }
-    }
-    return out;
 }
 
 } // namespace mvgps::pnp

@@ -41,10 +41,13 @@ class DeviceStack
     // load + add + start, stopping at the first failure (and unloading after it).
     NTSTATUS bring_up();
     NTSTATUS sleep(DEVICE_POWER_STATE state = PowerDeviceD3);
+    // A device whose driver fails to power it up is removed.
     NTSTATUS wake();
-    // Disabling removes the device and unloads the driver; enabling brings it up again.
+    // Disabling asks the driver (it may veto: the device then keeps running), removes the
+    // device and unloads the driver; enabling brings it up again.
     NTSTATUS disable();
     NTSTATUS enable();
+    // The device's first removal event; it stays until remove() or unload().
     void surprise_remove();
     void remove();
     void unload();
@@ -56,12 +59,8 @@ class DeviceStack
     DriverImage& image() { return image_; }
     const NodeConfig& config() const { return config_; }
 
-    // Every device of every stack (clients look their targets up here).
-    static std::vector<wdf::Device*> all_devices();
-
   private:
     void enumerate();
-    void remove_device(bool surprise);
 
     NodeConfig config_;
     DriverImage image_;

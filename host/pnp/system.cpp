@@ -38,7 +38,7 @@ std::u16string resource_hub_path(std::uint64_t connection_id)
     return path;
 }
 
-void map_resource_hub(std::uint64_t connection_id, std::shared_ptr<io::LowerDevice> device)
+void map_resource_hub(std::uint64_t connection_id, std::shared_ptr<io::Device> device)
 {
     io::bind(resource_hub_path(connection_id), std::move(device));
 }
@@ -48,7 +48,7 @@ void unmap_resource_hub(std::uint64_t connection_id)
     io::unbind(resource_hub_path(connection_id));
 }
 
-void add_serial_port(std::u16string_view link, std::shared_ptr<io::LowerDevice> device)
+void add_serial_port(std::u16string_view link, std::shared_ptr<io::Device> device)
 {
     io::bind(link, std::move(device));
     kernel::register_interface(GUID_DEVINTERFACE_COMPORT, link);

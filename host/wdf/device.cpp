@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "io/names.h"
 #include "kernel/kernel.h"
 #include "wdf/driver.h"
 #include "wdf/request.h"
@@ -35,6 +36,55 @@ std::string name_of(const Device* device)
     std::snprintf(text, sizeof text, "%s %p", device->is_pdo() ? "PDO" : "FDO", device->handle());
     return text;
 }
+
+// An open handle to a framework device: what it sends goes to the device's default queue.
+// It keeps the device's record readable after the device is removed, and its requests then
+// fail as they would on Windows.
+class DeviceFile final : public io::File
+{
+  public:
+    explicit DeviceFile(std::shared_ptr<Object> device) : device_(std::move(device)) {}
+
+    void dispatch(std::shared_ptr<io::Request> irp) override
+    {
+        auto* device = static_cast<Device*>(device_.get());
+        auto state = device->pnp_state();
+        if (state == Device::Pnp::Removed || state == Device::Pnp::Added) {
+            irp->complete(STATUS_DELETE_PENDING, 0);
+            return;
+        }
+        auto request = Request::incoming(device, irp);
+        if (!request) {
+            irp->complete(STATUS_INSUFFICIENT_RESOURCES, 0);
+            return;
+        }
+        device->dispatch(request);
+    }
+
+  private:
+    std::shared_ptr<Object> device_;
+};
+
+// A device as the object namespace knows it (under each of its interface links).
+class DeviceNode final : public io::Device
+{
+  public:
+    explicit DeviceNode(std::weak_ptr<Object> device) : device_(std::move(device)) {}
+
+    NTSTATUS open(const io::OpenParams&, std::unique_ptr<io::File>& file) override
+    {
+        auto device = device_.lock();
+        if (!device ||
+            static_cast<wdf::Device*>(device.get())->pnp_state() != wdf::Device::Pnp::Started) {
+            return STATUS_NO_SUCH_DEVICE;
+        }
+        file = std::make_unique<DeviceFile>(std::move(device));
+        return STATUS_SUCCESS;
+    }
+
+  private:
+    std::weak_ptr<Object> device_;
+};
 
 } // namespace
 
@@ -173,7 +223,19 @@ void Device::ownership_changed()
     sched::current().wake(drained_);
 }
 
-void Device::drain_power_managed_requests()
+std::vector<std::shared_ptr<Request>> Device::held_from(const Queue* queue)
+{
+    std::vector<std::shared_ptr<Request>> held;
+    sched::StateLock lock(sched::current());
+    for (Request* r : owned_) {
+        if (r->queue == queue && !r->cancelled) {
+            held.push_back(std::static_pointer_cast<Request>(r->shared_from_this()));
+        }
+    }
+    return held;
+}
+
+void Device::stop_power_managed_requests()
 {
     auto& s = sched::current();
     for (Queue* queue : queues()) {
@@ -181,18 +243,15 @@ void Device::drain_power_managed_requests()
         if (!queue->power_managed() || !stop) {
             continue;
         }
-        std::vector<WDFREQUEST> held;
-        {
-            sched::StateLock lock(s);
-            for (Request* r : owned_) {
-                if (r->queue == queue) {
-                    held.push_back(r->wdf());
+        for (const auto& r : held_from(queue)) {
+            ULONG action = WdfRequestStopActionSuspend;
+            {
+                sched::StateLock lock(s);
+                if (r->cancel_routine) {
+                    action |= WdfRequestStopRequestCancelable;
                 }
             }
-        }
-        for (WDFREQUEST r : held) {
-            call_driver("EvtIoStop", stop, queue->wdf(), r,
-                        static_cast<ULONG>(WdfRequestStopActionSuspend));
+            call_driver("EvtIoStop", stop, queue->wdf(), r->wdf(), action);
         }
     }
     sched::Nanos deadline = s.now() + g_power_watchdog;
@@ -218,14 +277,69 @@ void Device::drain_power_managed_requests()
     }
 }
 
+void Device::resume_stopped_requests()
+{
+    std::vector<std::pair<Queue*, Request*>> stopped;
+    {
+        sched::StateLock lock(sched::current());
+        for (Request* r : owned_) {
+            if (r->stop_acknowledged) {
+                r->stop_acknowledged = false; // an acknowledgement holds for one power-down
+                stopped.emplace_back(r->queue, r);
+            }
+        }
+    }
+    for (auto [queue, r] : stopped) {
+        if (auto resume = queue->config().EvtIoResume) {
+            call_driver("EvtIoResume", resume, queue->wdf(), r->wdf());
+        }
+    }
+}
+
+bool Device::wait_until_released(const Queue* queue, sched::Nanos deadline, std::size_t* held)
+{
+    auto& s = sched::current();
+    sched::StateLock lock(s);
+    auto released = [&] {
+        *held = 0;
+        for (Request* r : owned_) {
+            *held += r->queue == queue;
+        }
+        return *held == 0;
+    };
+    return s.wait(drained_, "held requests to complete", deadline, released) ==
+           sched::WaitResult::Ready;
+}
+
+std::string Device::describe() const
+{
+    return name_of(this);
+}
+
+std::shared_ptr<io::Device> Device::node()
+{
+    sched::StateLock lock(sched::current());
+    if (!node_) {
+        node_ = std::make_shared<DeviceNode>(weak_from_this());
+    }
+    return node_;
+}
+
 void Device::register_interfaces(bool on)
 {
     for (const auto& i : interfaces()) {
-        if (on) {
-            kernel::register_interface(i.guid, i.link);
-        } else {
-            kernel::unregister_interface(i.guid, i.link);
-        }
+        publish(i, on);
+    }
+}
+
+void Device::publish(const Interface& i, bool on)
+{
+    if (on) {
+        io::bind(i.link, node());
+        kernel::register_interface(i.guid, i.link);
+    } else {
+        kernel::unregister_interface(i.guid, i.link);
+        io::unbind(i.link);
     }
 }
 
@@ -266,9 +380,25 @@ NTSTATUS Device::add_interface(const GUID& guid, PCUNICODE_STRING reference)
         started = pnp_ == Pnp::Started;
     }
     if (started) {
-        kernel::register_interface(entry.guid, entry.link);
+        publish(entry, true);
     }
     return STATUS_SUCCESS;
+}
+
+void Device::release_hardware()
+{
+    const auto& cb = init_.pnp;
+    bool prepared;
+    {
+        sched::StateLock lock(sched::current());
+        prepared = hardware_prepared_;
+        hardware_prepared_ = false;
+    }
+    if (prepared && cb.EvtDeviceReleaseHardware) {
+        call_driver("EvtDeviceReleaseHardware", cb.EvtDeviceReleaseHardware, wdf(),
+                    static_cast<WDFCMRESLIST>(translated_->handle()));
+    }
+    register_interfaces(false);
 }
 
 NTSTATUS Device::start(const std::vector<CM_PARTIAL_RESOURCE_DESCRIPTOR>& resources)
@@ -285,12 +415,20 @@ NTSTATUS Device::start(const std::vector<CM_PARTIAL_RESOURCE_DESCRIPTOR>& resour
     }
     raw_ = raw.get();
     translated_ = translated.get();
+    // Every failure below leaves the device failed; the framework releases the hardware at
+    // once (the driver's release must cope with a half-prepared device) and the removal
+    // that follows runs Flush and Cleanup if SelfManagedIoInit was called.
     auto fail = [&](NTSTATUS failure) {
+        release_hardware();
         sched::StateLock lock(sched::current());
         pnp_ = Pnp::Failed;
         return failure;
     };
     note("start " + name_of(this));
+    {
+        sched::StateLock lock(sched::current());
+        hardware_prepared_ = true;
+    }
     if (cb.EvtDevicePrepareHardware) {
         status = call_driver("EvtDevicePrepareHardware", cb.EvtDevicePrepareHardware, wdf(),
                              static_cast<WDFCMRESLIST>(raw_->handle()),
@@ -299,17 +437,36 @@ NTSTATUS Device::start(const std::vector<CM_PARTIAL_RESOURCE_DESCRIPTOR>& resour
             return fail(status);
         }
     }
-    auto release = [&] {
-        if (cb.EvtDeviceReleaseHardware) {
-            call_driver("EvtDeviceReleaseHardware", cb.EvtDeviceReleaseHardware, wdf(),
-                        static_cast<WDFCMRESLIST>(translated_->handle()));
-        }
-    };
-    if (cb.EvtDeviceD0Entry) {
-        status = call_driver("EvtDeviceD0Entry", cb.EvtDeviceD0Entry, wdf(), WdfPowerDeviceD3Final);
+    status = enter_d0(WdfPowerDeviceD3Final);
+    if (!NT_SUCCESS(status)) {
+        return fail(status);
+    }
+    {
+        sched::StateLock lock(sched::current());
+        self_managed_io_ = true;
+    }
+    if (cb.EvtDeviceSelfManagedIoInit) {
+        status = call_driver("EvtDeviceSelfManagedIoInit", cb.EvtDeviceSelfManagedIoInit, wdf());
         if (!NT_SUCCESS(status)) {
-            release();
+            leave_d0(WdfPowerDeviceD3Final, false);
             return fail(status);
+        }
+    }
+    {
+        sched::StateLock lock(sched::current());
+        pnp_ = Pnp::Started;
+    }
+    register_interfaces(true);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS Device::enter_d0(WDF_POWER_DEVICE_STATE previous)
+{
+    const auto& cb = init_.pnp;
+    if (cb.EvtDeviceD0Entry) {
+        NTSTATUS status = call_driver("EvtDeviceD0Entry", cb.EvtDeviceD0Entry, wdf(), previous);
+        if (!NT_SUCCESS(status)) {
+            return status;
         }
     }
     {
@@ -318,41 +475,26 @@ NTSTATUS Device::start(const std::vector<CM_PARTIAL_RESOURCE_DESCRIPTOR>& resour
     }
     if (cb.EvtDeviceD0EntryPostInterruptsEnabled) {
         call_driver("EvtDeviceD0EntryPostInterruptsEnabled",
-                    cb.EvtDeviceD0EntryPostInterruptsEnabled, wdf(), WdfPowerDeviceD3Final);
+                    cb.EvtDeviceD0EntryPostInterruptsEnabled, wdf(), previous);
     }
+    resume_stopped_requests();
     set_queues_running(true);
-    if (cb.EvtDeviceSelfManagedIoInit) {
-        status = call_driver("EvtDeviceSelfManagedIoInit", cb.EvtDeviceSelfManagedIoInit, wdf());
-        if (!NT_SUCCESS(status)) {
-            set_queues_running(false);
-            if (cb.EvtDeviceD0Exit) {
-                call_driver("EvtDeviceD0Exit", cb.EvtDeviceD0Exit, wdf(), WdfPowerDeviceD3Final);
-            }
-            {
-                sched::StateLock lock(sched::current());
-                power_ = PowerDeviceD3;
-            }
-            release();
-            return fail(status);
-        }
-    }
-    {
-        sched::StateLock lock(sched::current());
-        self_managed_io_ = true;
-        pnp_ = Pnp::Started;
-    }
-    register_interfaces(true);
     return STATUS_SUCCESS;
 }
 
-void Device::power_down(WDF_POWER_DEVICE_STATE target)
+void Device::leave_d0(WDF_POWER_DEVICE_STATE target, bool suspend)
 {
     const auto& cb = init_.pnp;
-    set_queues_running(false);
-    drain_power_managed_requests();
-    if (cb.EvtDeviceSelfManagedIoSuspend) {
+    bool managed;
+    {
+        sched::StateLock lock(sched::current());
+        managed = self_managed_io_;
+    }
+    if (suspend && managed && cb.EvtDeviceSelfManagedIoSuspend) {
         call_driver("EvtDeviceSelfManagedIoSuspend", cb.EvtDeviceSelfManagedIoSuspend, wdf());
     }
+    set_queues_running(false);
+    stop_power_managed_requests();
     if (cb.EvtDeviceD0ExitPreInterruptsDisabled) {
         call_driver("EvtDeviceD0ExitPreInterruptsDisabled", cb.EvtDeviceD0ExitPreInterruptsDisabled,
                     wdf(), target);
@@ -367,77 +509,116 @@ void Device::power_down(WDF_POWER_DEVICE_STATE target)
     last_dx_ = target;
 }
 
-NTSTATUS Device::power_up()
-{
-    const auto& cb = init_.pnp;
-    WDF_POWER_DEVICE_STATE previous;
-    {
-        sched::StateLock lock(sched::current());
-        previous = last_dx_;
-    }
-    if (cb.EvtDeviceD0Entry) {
-        NTSTATUS status = call_driver("EvtDeviceD0Entry", cb.EvtDeviceD0Entry, wdf(), previous);
-        if (!NT_SUCCESS(status)) {
-            sched::StateLock lock(sched::current());
-            pnp_ = Pnp::Failed;
-            return status;
-        }
-    }
-    {
-        sched::StateLock lock(sched::current());
-        power_ = PowerDeviceD0;
-        for (Request* r : owned_) {
-            r->stop_acknowledged = false; // an acknowledgement holds for one power-down
-        }
-    }
-    if (cb.EvtDeviceD0EntryPostInterruptsEnabled) {
-        call_driver("EvtDeviceD0EntryPostInterruptsEnabled",
-                    cb.EvtDeviceD0EntryPostInterruptsEnabled, wdf(), previous);
-    }
-    set_queues_running(true);
-    if (cb.EvtDeviceSelfManagedIoRestart) {
-        call_driver("EvtDeviceSelfManagedIoRestart", cb.EvtDeviceSelfManagedIoRestart, wdf());
-    }
-    return STATUS_SUCCESS;
-}
-
 NTSTATUS Device::set_power(DEVICE_POWER_STATE state)
 {
     if (pnp_state() != Pnp::Started) {
         return STATUS_INVALID_DEVICE_STATE;
     }
     std::vector<Device*> kids = child_list_ ? child_list_->children() : std::vector<Device*>{};
-    if (state == PowerDeviceD0) {
-        if (in_d0()) {
-            return STATUS_SUCCESS;
-        }
-        note("wake " + name_of(this));
-        NTSTATUS status = power_up();
+    if (state != PowerDeviceD0) {
         for (Device* kid : kids) {
-            if (NT_SUCCESS(status)) {
-                status = kid->set_power(PowerDeviceD0);
-            }
+            kid->set_power(state);
         }
-        return status;
-    }
-    for (Device* kid : kids) {
-        kid->set_power(state);
+        if (in_d0()) {
+            note("sleep " + name_of(this));
+            leave_d0(wdf_state(state), true);
+        }
+        return STATUS_SUCCESS;
     }
     if (in_d0()) {
-        note("sleep " + name_of(this));
-        power_down(wdf_state(state));
+        return STATUS_SUCCESS;
     }
-    return STATUS_SUCCESS;
-}
-
-void Device::remove(bool surprise)
-{
-    const auto& cb = init_.pnp;
-    Pnp was;
+    note("wake " + name_of(this));
+    WDF_POWER_DEVICE_STATE previous;
     {
         sched::StateLock lock(sched::current());
-        was = pnp_;
-        if (was == Pnp::Removed) {
+        previous = last_dx_;
+    }
+    NTSTATUS status = enter_d0(previous);
+    if (!NT_SUCCESS(status)) {
+        // The device failed: the framework releases its hardware; the PnP manager removes it.
+        release_hardware();
+        sched::StateLock lock(sched::current());
+        pnp_ = Pnp::Failed;
+        return status;
+    }
+    const auto& cb = init_.pnp;
+    if (cb.EvtDeviceSelfManagedIoRestart) {
+        call_driver("EvtDeviceSelfManagedIoRestart", cb.EvtDeviceSelfManagedIoRestart, wdf());
+    }
+    for (Device* kid : kids) {
+        if (NT_SUCCESS(status)) {
+            status = kid->set_power(PowerDeviceD0);
+        }
+    }
+    return status;
+}
+
+NTSTATUS Device::query_remove()
+{
+    std::vector<Device*> kids = child_list_ ? child_list_->children() : std::vector<Device*>{};
+    for (Device* kid : kids) {
+        NTSTATUS status = kid->query_remove();
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+    }
+    auto query = init_.pnp.EvtDeviceQueryRemove;
+    return query ? call_driver("EvtDeviceQueryRemove", query, wdf()) : STATUS_SUCCESS;
+}
+
+void Device::purge_queues(bool power_managed)
+{
+    for (Queue* queue : queues()) {
+        if (queue->power_managed() == power_managed) {
+            queue->purge(true);
+        }
+    }
+}
+
+void Device::flush_once()
+{
+    auto flush = init_.pnp.EvtDeviceSelfManagedIoFlush;
+    bool due;
+    {
+        sched::StateLock lock(sched::current());
+        due = self_managed_io_ && !flushed_;
+        flushed_ = true;
+    }
+    if (due && flush) {
+        call_driver("EvtDeviceSelfManagedIoFlush", flush, wdf());
+    }
+}
+
+void Device::surprise_remove()
+{
+    {
+        sched::StateLock lock(sched::current());
+        if (pnp_ == Pnp::Removed || pnp_ == Pnp::SurpriseRemoved) {
+            return;
+        }
+        pnp_ = Pnp::SurpriseRemoved;
+    }
+    for (Device* kid : child_list_ ? child_list_->children() : std::vector<Device*>{}) {
+        kid->surprise_remove();
+    }
+    note("surprise removal " + name_of(this));
+    if (auto surprise = init_.pnp.EvtDeviceSurpriseRemoval) {
+        call_driver("EvtDeviceSurpriseRemoval", surprise, wdf());
+    }
+    if (in_d0()) {
+        leave_d0(WdfPowerDeviceD3Final, true);
+    }
+    release_hardware();
+    purge_queues(true);
+    flush_once();
+}
+
+void Device::remove()
+{
+    {
+        sched::StateLock lock(sched::current());
+        if (pnp_ == Pnp::Removed) {
             return;
         }
         pnp_ = Pnp::Removed;
@@ -445,47 +626,26 @@ void Device::remove(bool surprise)
     if (child_list_) {
         child_list_->close();
         for (Device* kid : child_list_->children()) {
-            kid->remove(surprise);
+            kid->remove();
             child_list_->forget(kid);
         }
     }
-    note(std::string(surprise ? "surprise removal " : "removal ") + name_of(this));
-    if (was == Pnp::Started) {
-        register_interfaces(false);
-        if (in_d0()) {
-            power_down(WdfPowerDeviceD3Final);
-        }
-        if (surprise && cb.EvtDeviceSurpriseRemoval) {
-            call_driver("EvtDeviceSurpriseRemoval", cb.EvtDeviceSurpriseRemoval, wdf());
-        }
-        if (cb.EvtDeviceReleaseHardware) {
-            call_driver("EvtDeviceReleaseHardware", cb.EvtDeviceReleaseHardware, wdf(),
-                        static_cast<WDFCMRESLIST>(translated_->handle()));
-        }
-        if (self_managed_io_ && cb.EvtDeviceSelfManagedIoFlush) {
-            call_driver("EvtDeviceSelfManagedIoFlush", cb.EvtDeviceSelfManagedIoFlush, wdf());
-        }
-        if (self_managed_io_ && cb.EvtDeviceSelfManagedIoCleanup) {
-            call_driver("EvtDeviceSelfManagedIoCleanup", cb.EvtDeviceSelfManagedIoCleanup, wdf());
-        }
+    note("removal " + name_of(this));
+    if (in_d0()) {
+        leave_d0(WdfPowerDeviceD3Final, true);
     }
-    for (Queue* queue : queues()) {
-        queue->purge();
-    }
-    std::size_t leaked;
-    WDFOBJECT first = nullptr;
+    release_hardware();
+    purge_queues(true);
+    flush_once();
+    purge_queues(false);
+    bool managed;
     {
         sched::StateLock lock(sched::current());
-        leaked = owned_.size();
-        if (leaked) {
-            first = (*owned_.begin())->handle();
-        }
+        managed = self_managed_io_;
     }
-    if (leaked) {
-        violation(Rule::RequestLeaked,
-                  name_of(this) + " removed while the driver still holds " +
-                      std::to_string(leaked) + " request(s) it never completed",
-                  reinterpret_cast<std::uintptr_t>(first), leaked);
+    if (managed && init_.pnp.EvtDeviceSelfManagedIoCleanup) {
+        call_driver("EvtDeviceSelfManagedIoCleanup", init_.pnp.EvtDeviceSelfManagedIoCleanup,
+                    wdf());
     }
     Objects::remove(this);
 }

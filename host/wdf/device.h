@@ -1,10 +1,17 @@
 // Devices and their PnP and power life: the framework's side of the state machine that the
 // host's PnP manager drives. Callbacks run in the real framework's order:
-//   start:    PrepareHardware -> D0Entry -> SelfManagedIoInit
-//   sleep:    (power-managed queues drained) -> SelfManagedIoSuspend -> D0Exit(Dx)
-//   wake:     D0Entry(Dx) -> SelfManagedIoRestart
-//   removal:  children removed -> D0Exit(D3Final) -> [SurpriseRemoval] -> ReleaseHardware
-//             -> SelfManagedIoFlush -> SelfManagedIoCleanup -> queues purged -> deletion
+//   start:    PrepareHardware -> D0Entry(D3Final) -> power-managed queues start
+//             -> SelfManagedIoInit
+//   sleep:    SelfManagedIoSuspend -> power-managed queues hold (EvtIoStop) -> D0Exit(Dx)
+//   wake:     D0Entry(Dx) -> queues restart (EvtIoResume) -> SelfManagedIoRestart
+//   removal:  children removed -> Suspend -> queues hold -> D0Exit(D3Final)
+//             -> ReleaseHardware -> interfaces disabled -> power-managed queues purged
+//             -> SelfManagedIoFlush -> other queues purged -> SelfManagedIoCleanup -> deletion
+//   surprise: SurpriseRemoval -> the removal up to Flush; the device lives on, its other
+//             queues still dispatching, until the later removal does the rest.
+//   failure:  a failed PrepareHardware, D0Entry or SelfManagedIoInit (after D0Exit) is
+//             followed by ReleaseHardware; the removal then runs Flush and Cleanup if
+//             SelfManagedIoInit was called. A failed D0Entry on wake fails the device too.
 #pragma once
 
 #include <wdf.h>
@@ -17,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "io/names.h"
 #include "sched/sched.h"
 #include "wdf/host_mutex.h"
 #include "wdf/object.h"
@@ -80,7 +88,7 @@ class ResourceList final : public Object
 class Device final : public Object
 {
   public:
-    enum class Pnp : std::uint8_t { Added, Started, Removed, Failed };
+    enum class Pnp : std::uint8_t { Added, Started, SurpriseRemoved, Failed, Removed };
 
     explicit Device(const WDFDEVICE_INIT& init);
 
@@ -99,8 +107,12 @@ class Device final : public Object
     NTSTATUS start(const std::vector<CM_PARTIAL_RESOURCE_DESCRIPTOR>& resources);
     // Moves to D1-D3 (children first) or back to D0 (children after).
     NTSTATUS set_power(DEVICE_POWER_STATE state);
+    // Asks the children and then the device whether it may go; a failure is a veto.
+    NTSTATUS query_remove();
+    // The first of a surprise removal's two events (the later remove() ends it).
+    void surprise_remove();
     // Removes the children and then the device, and deletes it.
-    void remove(bool surprise);
+    void remove();
 
     // ---- What the PnP manager and clients see ---------------------------------------------
     struct Interface {
@@ -109,6 +121,8 @@ class Device final : public Object
         std::u16string link;
     };
     std::vector<Interface> interfaces() const;
+    // The device in the object namespace: opening it gives a client's handle.
+    std::shared_ptr<io::Device> node();
     ChildList* child_list() const { return child_list_; }
     Queue* default_queue() const;
     // Gives an incoming request to the default queue; fails it when there is none.
@@ -136,25 +150,38 @@ class Device final : public Object
     void take_ownership(Request* request);
     void release_ownership(Request* request);
     void ownership_changed();
+    // Requests from `queue` the driver holds and that are not cancelled.
+    std::vector<std::shared_ptr<Request>> held_from(const Queue* queue);
+    // Waits until the driver holds no request from `queue`; false at the deadline, with
+    // `held` the number still held.
+    bool wait_until_released(const Queue* queue, sched::Nanos deadline, std::size_t* held);
+    std::string describe() const;
     HostMutex& work_lock() { return work_lock_; }
 
     bool driver_may_delete() const override;
     void teardown() override;
 
   private:
-    void power_down(WDF_POWER_DEVICE_STATE target);
-    NTSTATUS power_up();
-    void drain_power_managed_requests();
+    NTSTATUS enter_d0(WDF_POWER_DEVICE_STATE previous);
+    void leave_d0(WDF_POWER_DEVICE_STATE target, bool suspend);
+    void stop_power_managed_requests();
+    void resume_stopped_requests();
+    void release_hardware();
+    void purge_queues(bool power_managed);
+    void flush_once();
     void set_queues_running(bool running);
     std::vector<Queue*> queues();
     void register_interfaces(bool on);
+    void publish(const Interface& i, bool on);
     WDFDEVICE wdf() const { return static_cast<WDFDEVICE>(handle()); }
 
     WDFDEVICE_INIT init_;
     Pnp pnp_ = Pnp::Added;
     DEVICE_POWER_STATE power_ = PowerDeviceD3;
     WDF_POWER_DEVICE_STATE last_dx_ = WdfPowerDeviceD3Final;
-    bool self_managed_io_ = false;
+    bool hardware_prepared_ = false; // ReleaseHardware is owed
+    bool self_managed_io_ = false;   // SelfManagedIoInit ran: Flush and Cleanup are owed
+    bool flushed_ = false;
     ResourceList* raw_ = nullptr;
     ResourceList* translated_ = nullptr;
     ChildList* child_list_ = nullptr;
@@ -166,6 +193,7 @@ class Device final : public Object
     WDF_DEVICE_POWER_CAPABILITIES power_caps_{};
     std::optional<WDF_DEVICE_POWER_POLICY_IDLE_SETTINGS> idle_settings_;
     std::set<Request*> owned_;
+    std::shared_ptr<io::Device> node_;
     sched::WaitList drained_;
     HostMutex work_lock_{"device work item"};
 };

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "sched/sched.h"
-#include "wdf/fold.h"
+#include "io/fold.h"
 #include "wdf/rules.h"
 
 namespace mvgps::wdf
@@ -31,12 +31,12 @@ class RegistryKey final : public Object
     explicit RegistryKey(const std::map<std::u16string, ULONG>& values) : Object(Kind::Key)
     {
         for (const auto& [name, value] : values) {
-            values_[fold(name)] = value;
+            values_[io::fold(name)] = value;
         }
     }
     const ULONG* find(std::u16string_view name) const
     {
-        auto it = values_.find(fold(name));
+        auto it = values_.find(io::fold(name));
         return it == values_.end() ? nullptr : &it->second;
     }
 

@@ -1,15 +1,18 @@
-// I/O targets: a lower device opened by name, and synchronous reads, writes and control
-// calls sent to it. A send with a timeout cancels its request when the time is up; a request
-// the device then completes as cancelled returns STATUS_IO_TIMEOUT. Sends to a stopped
-// target wait for it to start (or for their timeout); a closed target refuses them.
+// I/O targets: a device opened by name in the host's object namespace, and synchronous
+// reads, writes and control calls sent to it. A send with a timeout cancels its request when
+// the time is up; a request the device then completes as cancelled returns
+// STATUS_IO_TIMEOUT. Sends to a stopped target wait for it to start (or for their timeout);
+// a closed target refuses them. The target hears its device's removal: a query-remove
+// closes it (or asks EvtIoTargetQueryRemove), a cancelled removal opens it again (or tells
+// EvtIoTargetRemoveCanceled), and remove-complete closes it for good.
 #include <algorithm>
 #include <cstring>
 #include <vector>
 
+#include "io/names.h"
 #include "kernel/kernel.h"
 #include "wdf/device.h"
 #include "wdf/faults.h"
-#include "wdf/lower_device.h"
 #include "wdf/request.h"
 #include "wdf/rules.h"
 #include "wdf/timeout.h"
@@ -25,16 +28,21 @@ class IoTarget final : public Object
     IoTarget() : Object(Kind::IoTarget) {}
 
     WDF_IO_TARGET_STATE state = WdfIoTargetClosed;
-    std::unique_ptr<io::LowerFile> file;
-    std::vector<std::shared_ptr<io::IoRequest>> in_flight;
+    std::unique_ptr<io::File> file;
+    std::vector<std::shared_ptr<io::Request>> in_flight;
     sched::WaitList changes;
+    // What it was opened with, to open it again after a cancelled removal.
+    std::u16string name;
+    io::OpenParams params;
+    WDF_IO_TARGET_OPEN_PARAMS callbacks{};
+    std::shared_ptr<io::RemovalListener> listener;
 
-    void teardown() override { close(); }
+    void teardown() override { close(WdfIoTargetClosed); }
 
     void cancel_and_wait(bool cancel)
     {
         auto& s = sched::current();
-        std::vector<std::shared_ptr<io::IoRequest>> sent;
+        std::vector<std::shared_ptr<io::Request>> sent;
         {
             sched::StateLock lock(s);
             sent = in_flight;
@@ -49,23 +57,105 @@ class IoTarget final : public Object
                [this] { return in_flight.empty(); });
     }
 
-    void close()
+    NTSTATUS open()
     {
+        std::unique_ptr<io::File> opened;
+        NTSTATUS status = io::open(name, params, opened);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+        auto device = io::lookup(name);
+        io::listen(device.get(), listener);
+        sched::StateLock lock(sched::current());
+        file = std::move(opened);
+        state = WdfIoTargetStarted;
+        sched::current().wake(changes);
+        return STATUS_SUCCESS;
+    }
+
+    // Closes the lower file after what was sent has ended; `how` is the state it leaves.
+    void close(WDF_IO_TARGET_STATE how)
+    {
+        bool open;
         {
             sched::StateLock lock(sched::current());
-            if (state == WdfIoTargetClosed) {
-                return;
+            open = state == WdfIoTargetStarted || state == WdfIoTargetStopped;
+            if (state != WdfIoTargetDeleted) {
+                state = how;
             }
-            state = WdfIoTargetClosed;
             sched::current().wake(changes);
         }
+        if (!open) {
+            return;
+        }
         cancel_and_wait(true);
-        std::unique_ptr<io::LowerFile> closing;
+        std::unique_ptr<io::File> closing;
         {
             sched::StateLock lock(sched::current());
             closing = std::move(file);
         }
     }
+
+    bool closed_for_query_remove()
+    {
+        sched::StateLock lock(sched::current());
+        return state == WdfIoTargetClosedForQueryRemove;
+    }
+
+    WDFIOTARGET wdf() const { return static_cast<WDFIOTARGET>(handle()); }
+};
+
+// Carries the device's removal to the target while the target lives.
+class RemovalListener final : public io::RemovalListener
+{
+  public:
+    explicit RemovalListener(IoTarget* target) : target_(target->weak_from_this()) {}
+
+    NTSTATUS query_remove() override
+    {
+        auto target = held();
+        if (!target) {
+            return STATUS_SUCCESS;
+        }
+        if (auto query = target->callbacks.EvtIoTargetQueryRemove) {
+            return call_driver("EvtIoTargetQueryRemove", query, target->wdf());
+        }
+        target->close(WdfIoTargetClosedForQueryRemove);
+        return STATUS_SUCCESS;
+    }
+
+    void remove_cancelled() override
+    {
+        auto target = held();
+        if (!target) {
+            return;
+        }
+        if (auto cancelled = target->callbacks.EvtIoTargetRemoveCanceled) {
+            call_driver("EvtIoTargetRemoveCanceled", cancelled, target->wdf());
+        } else if (target->closed_for_query_remove()) {
+            target->open();
+        }
+    }
+
+    // Closed for good whether or not the driver has a callback: the device is gone.
+    void remove_complete() override
+    {
+        auto target = held();
+        if (!target) {
+            return;
+        }
+        if (auto complete = target->callbacks.EvtIoTargetRemoveComplete) {
+            call_driver("EvtIoTargetRemoveComplete", complete, target->wdf());
+        }
+        target->close(WdfIoTargetDeleted);
+    }
+
+  private:
+    std::shared_ptr<IoTarget> held() const
+    {
+        return std::static_pointer_cast<IoTarget>(target_.lock());
+    }
+    std::weak_ptr<Object> target_;
 };
 
 IoTarget* target_of(WDFIOTARGET handle, const char* call)
@@ -106,11 +196,23 @@ bool span_of(const WDF_MEMORY_DESCRIPTOR* d, std::span<std::uint8_t>& out)
 }
 
 struct Send {
-    faults::Op op;
+    io::Major major;
     ULONG code;
     std::span<std::uint8_t> input;
     std::span<std::uint8_t> output;
 };
+
+faults::Op fault_op(io::Major major)
+{
+    switch (major) {
+    case io::Major::Read:
+        return faults::Op::Read;
+    case io::Major::Write:
+        return faults::Op::Write;
+    default:
+        return faults::Op::Control;
+    }
+}
 
 NTSTATUS send(WDFIOTARGET handle, WDFREQUEST request_handle, const Send& what,
               const WDF_REQUEST_SEND_OPTIONS* options, PULONG_PTR bytes, const char* call)
@@ -129,42 +231,33 @@ NTSTATUS send(WDFIOTARGET handle, WDFREQUEST request_handle, const Send& what,
     if (request_handle) {
         request = Objects::get<Request>(request_handle, Kind::Request, call);
     }
-    NTSTATUS status = faults::on_send(what.op, what.code);
+    NTSTATUS status = faults::on_send(fault_op(what.major), what.code);
     if (!NT_SUCCESS(status)) {
         return status;
     }
     if (options && options->Size != sizeof(WDF_REQUEST_SEND_OPTIONS)) {
         return STATUS_INVALID_PARAMETER;
     }
-    bool has_timeout = options && (options->Flags & WDF_REQUEST_SEND_OPTION_TIMEOUT);
+    // A timeout of 0 is no timeout at all, as the real framework reads it.
+    bool has_timeout =
+        options && (options->Flags & WDF_REQUEST_SEND_OPTION_TIMEOUT) && options->Timeout != 0;
     bool ignore_state = options && (options->Flags & WDF_REQUEST_SEND_OPTION_IGNORE_TARGET_STATE);
     sched::Nanos deadline = has_timeout ? deadline_from(&options->Timeout) : sched::kForever;
 
-    // A buffered control call sees one system buffer holding the input, as the I/O manager
-    // gives it to the driver below; its output is copied back afterwards.
-    bool buffered =
-        what.op == faults::Op::Control && METHOD_FROM_CTL_CODE(what.code) == METHOD_BUFFERED;
-    std::vector<std::uint8_t> system;
-    std::span<const std::uint8_t> down_in = what.input;
-    std::span<std::uint8_t> down_out = what.output;
-    if (buffered) {
-        system.assign(std::max(what.input.size(), what.output.size()), 0);
-        std::copy(what.input.begin(), what.input.end(), system.begin());
-        down_in = {system.data(), what.input.size()};
-        down_out = {system.data(), what.output.size()};
-    }
-    io::Major major = what.op == faults::Op::Read    ? io::Major::Read
-                      : what.op == faults::Op::Write ? io::Major::Write
-                                                     : io::Major::DeviceControl;
-    auto io = io::IoRequest::make(major, what.code, down_in, down_out);
-
     auto& s = sched::current();
-    io::LowerFile* file = nullptr;
+    bool in_flight;
     {
         sched::StateLock lock(s);
-        if (request && request->sending) {
-            return STATUS_INVALID_DEVICE_STATE;
-        }
+        in_flight = request && request->sending;
+    }
+    if (in_flight) {
+        violation(Rule::RequestInFlight, std::string(call) + " with a request still in flight",
+                  reinterpret_cast<std::uintptr_t>(request_handle));
+    }
+    auto io = io::Request::make(what.major, what.code, what.input, what.output);
+    io::File* file = nullptr;
+    {
+        sched::StateLock lock(s);
         auto ready = [&] { return target->state != WdfIoTargetStopped || ignore_state; };
         if (s.wait(target->changes, "I/O target to start", deadline, ready) ==
             sched::WaitResult::TimedOut) {
@@ -180,6 +273,9 @@ NTSTATUS send(WDFIOTARGET handle, WDFREQUEST request_handle, const Send& what,
             request->sending = true;
         }
     }
+    if (request) {
+        request->set_irp(io);
+    }
     file->dispatch(io);
     bool timed_out = !io->wait(deadline);
     if (timed_out) {
@@ -193,21 +289,14 @@ NTSTATUS send(WDFIOTARGET handle, WDFREQUEST request_handle, const Send& what,
         s.wake(target->changes);
         if (request) {
             request->sending = false;
-            request->status = io->status();
-            request->information = io->information();
         }
     }
     status = io->status();
-    std::size_t information = io->information();
     if (timed_out && status == STATUS_CANCELLED) {
         status = STATUS_IO_TIMEOUT;
     }
-    if (buffered) {
-        std::size_t back = std::min(information, what.output.size());
-        std::copy_n(system.begin(), back, what.output.begin());
-    }
     if (bytes) {
-        *bytes = information;
+        *bytes = io->information();
     }
     return status;
 }
@@ -249,23 +338,17 @@ NTSTATUS WdfIoTargetOpen(WDFIOTARGET IoTarget, PWDF_IO_TARGET_OPEN_PARAMS OpenPa
             return STATUS_INVALID_DEVICE_STATE;
         }
     }
-    std::u16string_view name(reinterpret_cast<const char16_t*>(OpenParams->TargetDeviceName.Buffer),
-                             OpenParams->TargetDeviceName.Length / sizeof(WCHAR));
-    io::OpenParams params;
-    params.desired_access = OpenParams->DesiredAccess;
-    params.share_access = OpenParams->ShareAccess;
-    params.create_disposition = OpenParams->CreateDisposition;
-    params.create_options = OpenParams->CreateOptions;
-    std::unique_ptr<io::LowerFile> file;
-    NTSTATUS status = io::open(name, params, file);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    target->name.assign(reinterpret_cast<const char16_t*>(OpenParams->TargetDeviceName.Buffer),
+                        OpenParams->TargetDeviceName.Length / sizeof(WCHAR));
+    target->params.desired_access = OpenParams->DesiredAccess;
+    target->params.share_access = OpenParams->ShareAccess;
+    target->params.create_disposition = OpenParams->CreateDisposition;
+    target->params.create_options = OpenParams->CreateOptions;
+    target->callbacks = *OpenParams;
+    if (!target->listener) {
+        target->listener = std::make_shared<wdf::RemovalListener>(target);
     }
-    sched::StateLock lock(sched::current());
-    target->file = std::move(file);
-    target->state = WdfIoTargetStarted;
-    sched::current().wake(target->changes);
-    return STATUS_SUCCESS;
+    return target->open();
 }
 
 NTSTATUS WdfIoTargetStart(WDFIOTARGET IoTarget)
@@ -287,9 +370,11 @@ NTSTATUS WdfIoTargetStart(WDFIOTARGET IoTarget)
 VOID WdfIoTargetStop(WDFIOTARGET IoTarget, WDF_IO_TARGET_SENT_IO_ACTION Action)
 {
     wdf::IoTarget* target = target_of(IoTarget, "WdfIoTargetStop");
+    // Stopping a stopped target still cancels and waits for what is in flight (a send
+    // made with the ignore-state option).
     {
         sched::StateLock lock(sched::current());
-        if (target->state != WdfIoTargetStarted) {
+        if (target->state != WdfIoTargetStarted && target->state != WdfIoTargetStopped) {
             return;
         }
         target->state = WdfIoTargetStopped;
@@ -301,7 +386,12 @@ VOID WdfIoTargetStop(WDFIOTARGET IoTarget, WDF_IO_TARGET_SENT_IO_ACTION Action)
 
 VOID WdfIoTargetClose(WDFIOTARGET IoTarget)
 {
-    target_of(IoTarget, "WdfIoTargetClose")->close();
+    target_of(IoTarget, "WdfIoTargetClose")->close(WdfIoTargetClosed);
+}
+
+VOID WdfIoTargetCloseForQueryRemove(WDFIOTARGET IoTarget)
+{
+    target_of(IoTarget, "WdfIoTargetCloseForQueryRemove")->close(WdfIoTargetClosedForQueryRemove);
 }
 
 WDF_IO_TARGET_STATE WdfIoTargetGetState(WDFIOTARGET IoTarget)
@@ -318,7 +408,7 @@ NTSTATUS WdfIoTargetSendReadSynchronously(WDFIOTARGET IoTarget, WDFREQUEST Reque
                                           PULONG_PTR BytesRead)
 {
     UNREFERENCED_PARAMETER(DeviceOffset);
-    Send what{faults::Op::Read, 0, {}, {}};
+    Send what{io::Major::Read, 0, {}, {}};
     if (!span_of(OutputBuffer, what.output)) {
         return STATUS_INVALID_PARAMETER;
     }
@@ -333,7 +423,7 @@ NTSTATUS WdfIoTargetSendWriteSynchronously(WDFIOTARGET IoTarget, WDFREQUEST Requ
                                            PULONG_PTR BytesWritten)
 {
     UNREFERENCED_PARAMETER(DeviceOffset);
-    Send what{faults::Op::Write, 0, {}, {}};
+    Send what{io::Major::Write, 0, {}, {}};
     if (!span_of(InputBuffer, what.input)) {
         return STATUS_INVALID_PARAMETER;
     }
@@ -347,7 +437,7 @@ NTSTATUS WdfIoTargetSendIoctlSynchronously(WDFIOTARGET IoTarget, WDFREQUEST Requ
                                            PWDF_REQUEST_SEND_OPTIONS RequestOptions,
                                            PULONG_PTR BytesReturned)
 {
-    Send what{faults::Op::Control, IoctlCode, {}, {}};
+    Send what{io::Major::DeviceControl, IoctlCode, {}, {}};
     if (!span_of(InputBuffer, what.input) || !span_of(OutputBuffer, what.output)) {
         return STATUS_INVALID_PARAMETER;
     }

@@ -110,6 +110,19 @@ Driver* Object::driver()
     return o->kind_ == Kind::Driver ? static_cast<Driver*>(o) : nullptr;
 }
 
+bool Object::passive_callbacks() const
+{
+    for (const Object* o = this; o; o = o->parent_) {
+        if (o->execution_level_ == WdfExecutionLevelPassive) {
+            return true;
+        }
+        if (o->execution_level_ == WdfExecutionLevelDispatch) {
+            return false;
+        }
+    }
+    return false;
+}
+
 NTSTATUS Objects::attach(const std::shared_ptr<Object>& object,
                          const WDF_OBJECT_ATTRIBUTES* attributes, Object* parent)
 {
@@ -129,6 +142,7 @@ NTSTATUS Objects::attach(const std::shared_ptr<Object>& object,
     if (attributes) {
         object->cleanup_ = attributes->EvtCleanupCallback;
         object->destroy_ = attributes->EvtDestroyCallback;
+        object->execution_level_ = attributes->ExecutionLevel;
     }
     void* context = nullptr;
     if (attributes && attributes->ContextTypeInfo) {

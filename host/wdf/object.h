@@ -47,6 +47,9 @@ class Object : public std::enable_shared_from_this<Object>
     Device* device();
     // The driver at the root of this object's tree, or null.
     Driver* driver();
+    // Whether its callbacks must run at PASSIVE_LEVEL (its execution level, or the nearest
+    // ancestor's that is not "inherit").
+    bool passive_callbacks() const;
 
     // Called once while the object is deleted: after its children are gone and before the
     // driver's cleanup callback. Runs without the state lock.
@@ -65,6 +68,7 @@ class Object : public std::enable_shared_from_this<Object>
     std::vector<std::shared_ptr<Object>> children_;
     PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup_ = nullptr;
     PFN_WDF_OBJECT_CONTEXT_DESTROY destroy_ = nullptr;
+    WDF_EXECUTION_LEVEL execution_level_ = WdfExecutionLevelInheritFromParent;
     struct Context {
         PCWDF_OBJECT_CONTEXT_TYPE_INFO type;
         void* block; // header + context

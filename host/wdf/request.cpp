@@ -22,37 +22,75 @@ Memory::~Memory()
     }
 }
 
-std::shared_ptr<Request> Request::incoming(Device* device, Major major, ULONG code, Buffers buffers,
-                                           Completion completion)
+Request::Request()
+    : Object(Kind::Request), irp_(io::Request::make(io::Major::DeviceControl, 0, {}, {})),
+      created_by_driver_(true)
 {
-    auto request = std::make_shared<Request>(major, code, buffers, std::move(completion));
-    NTSTATUS status = Objects::attach(request, nullptr, device);
-    return NT_SUCCESS(status) ? request : nullptr;
+    irp_->reuse(STATUS_SUCCESS);
+}
+
+std::shared_ptr<Request> Request::incoming(Device* device, std::shared_ptr<io::Request> irp)
+{
+    auto request = std::make_shared<Request>(irp);
+    if (!NT_SUCCESS(Objects::attach(request, nullptr, device))) {
+        return nullptr;
+    }
+    std::weak_ptr<Object> weak = request;
+    irp->set_cancel_routine([weak](io::Request&) {
+        if (auto held = weak.lock()) {
+            static_cast<Request*>(held.get())->cancel();
+        }
+    });
+    return request;
+}
+
+std::shared_ptr<io::Request> Request::irp() const
+{
+    sched::StateLock lock(sched::current());
+    return irp_;
+}
+
+void Request::set_irp(std::shared_ptr<io::Request> irp)
+{
+    sched::StateLock lock(sched::current());
+    irp_ = std::move(irp);
+}
+
+Queue* Request::move_to(Place to, Queue* holder, Queue* presenter)
+{
+    NT_ASSERT(place != Place::Completed);
+    Queue* was_presented_by = nullptr;
+    if (place == Place::Driver) {
+        if (owner_device) {
+            owner_device->release_ownership(this);
+        }
+        was_presented_by = presented_by;
+    }
+    place = to;
+    presented_by = presenter;
+    cancel_routine = nullptr;
+    if (holder) {
+        queue = holder;
+    }
+    if (to == Place::Driver) {
+        queue->owner()->take_ownership(this);
+    }
+    return was_presented_by;
 }
 
 void Request::finish(NTSTATUS final_status, ULONG_PTR final_information)
 {
     Queue* presenter = nullptr;
+    std::shared_ptr<io::Request> irp;
     {
         sched::StateLock lock(sched::current());
-        if (place == Place::Driver && owner_device) {
-            owner_device->release_ownership(this);
-        }
-        if (place == Place::Driver) {
-            presenter = presented_by;
-        }
-        presented_by = nullptr;
-        place = Place::Completed;
-        status = final_status;
-        information = final_information;
-        cancel_routine = nullptr;
+        presenter = move_to(Place::Completed, nullptr, nullptr);
+        irp = irp_;
     }
     if (presenter) {
         presenter->presented_done();
     }
-    if (completion_) {
-        completion_(final_status, final_information);
-    }
+    irp->complete(final_status, final_information);
     Objects::remove(this, "completed");
 }
 
@@ -78,8 +116,7 @@ void Request::cancel()
         if (on_queue) {
             {
                 sched::StateLock lock(sched::current());
-                place = Place::Driver;
-                holder->owner()->take_ownership(this);
+                move_to(Place::Driver, holder, nullptr);
             }
             call_driver("EvtIoCanceledOnQueue", on_queue, holder->wdf(), wdf());
         } else {
@@ -116,16 +153,7 @@ NTSTATUS Queue::enqueue(const std::shared_ptr<Request>& request)
         if (!accepting_) {
             return STATUS_INVALID_DEVICE_STATE;
         }
-        if (request->place == Request::Place::Driver) {
-            if (request->owner_device) {
-                request->owner_device->release_ownership(request.get());
-            }
-            presenter = request->presented_by;
-        }
-        request->presented_by = nullptr;
-        request->place = Request::Place::Queued;
-        request->queue = this;
-        request->cancel_routine = nullptr;
+        presenter = request->move_to(Request::Place::Queued, this, nullptr);
         pending_.push_back(request);
     }
     if (presenter) {
@@ -138,6 +166,9 @@ NTSTATUS Queue::enqueue(const std::shared_ptr<Request>& request)
 NTSTATUS Queue::retrieve(WDFREQUEST* out)
 {
     sched::StateLock lock(sched::current());
+    if (config_.DispatchType == WdfIoQueueDispatchParallel) {
+        return STATUS_INVALID_DEVICE_STATE;
+    }
     if (power_managed_ && !running_) {
         return STATUS_WDF_PAUSED;
     }
@@ -146,8 +177,7 @@ NTSTATUS Queue::retrieve(WDFREQUEST* out)
     }
     std::shared_ptr<Request> request = pending_.front();
     pending_.pop_front();
-    request->place = Request::Place::Driver;
-    device_->take_ownership(request.get());
+    request->move_to(Request::Place::Driver, this, nullptr);
     *out = request->wdf();
     return STATUS_SUCCESS;
 }
@@ -161,7 +191,7 @@ bool Queue::take(Request* request)
         return false;
     }
     pending_.erase(it);
-    request->place = Request::Place::Nowhere;
+    request->move_to(Request::Place::Nowhere, nullptr, nullptr);
     return true;
 }
 
@@ -188,9 +218,10 @@ void Queue::presented_done()
 void Queue::deliver()
 {
     auto& s = sched::current();
-    if (kernel::current_irql() > PASSIVE_LEVEL) {
-        // Callbacks run at PASSIVE_LEVEL: a request forwarded under a spin lock is
-        // delivered from a framework thread instead.
+    if (kernel::current_irql() > PASSIVE_LEVEL && passive_callbacks()) {
+        // Callbacks run inline at the caller's IRQL unless the queue asked for
+        // PASSIVE_LEVEL: then a request forwarded under a spin lock is delivered from a
+        // framework thread instead.
         bool work;
         {
             sched::StateLock lock(s);
@@ -214,9 +245,7 @@ void Queue::deliver()
             request = pending_.front();
             pending_.pop_front();
             presented_++;
-            request->place = Request::Place::Driver;
-            request->presented_by = this;
-            device_->take_ownership(request.get());
+            request->move_to(Request::Place::Driver, this, this);
         }
         present(request);
     }
@@ -225,25 +254,25 @@ void Queue::deliver()
 void Queue::present(const std::shared_ptr<Request>& request)
 {
     const auto& c = config_;
-    const auto& b = request->buffers();
+    auto irp = request->irp();
     WDFREQUEST r = request->wdf();
-    switch (request->major()) {
-    case Major::DeviceControl:
+    switch (irp->major()) {
+    case io::Major::DeviceControl:
         if (c.EvtIoDeviceControl) {
-            call_driver("EvtIoDeviceControl", c.EvtIoDeviceControl, wdf(), r, b.output_length,
-                        b.input_length, request->code());
+            call_driver("EvtIoDeviceControl", c.EvtIoDeviceControl, wdf(), r, irp->output().size(),
+                        irp->input().size(), irp->control_code());
             return;
         }
         break;
-    case Major::Read:
+    case io::Major::Read:
         if (c.EvtIoRead) {
-            call_driver("EvtIoRead", c.EvtIoRead, wdf(), r, b.output_length);
+            call_driver("EvtIoRead", c.EvtIoRead, wdf(), r, irp->output().size());
             return;
         }
         break;
-    case Major::Write:
+    case io::Major::Write:
         if (c.EvtIoWrite) {
-            call_driver("EvtIoWrite", c.EvtIoWrite, wdf(), r, b.input_length);
+            call_driver("EvtIoWrite", c.EvtIoWrite, wdf(), r, irp->input().size());
             return;
         }
         break;
@@ -257,7 +286,7 @@ void Queue::present(const std::shared_ptr<Request>& request)
 
 void Queue::teardown()
 {
-    purge();
+    purge(false);
     auto& s = sched::current();
     std::vector<sched::Thread*> threads;
     {
@@ -271,19 +300,42 @@ void Queue::teardown()
     }
 }
 
-void Queue::purge()
+void Queue::purge(bool wait)
 {
-    std::deque<std::shared_ptr<Request>> held;
+    std::deque<std::shared_ptr<Request>> queued;
     {
         sched::StateLock lock(sched::current());
         accepting_ = false;
-        held.swap(pending_);
-        for (auto& r : held) {
-            r->place = Request::Place::Nowhere;
+        queued.swap(pending_);
+        for (auto& r : queued) {
+            r->move_to(Request::Place::Nowhere, nullptr, nullptr);
         }
     }
-    for (auto& r : held) {
+    for (auto& r : queued) {
         r->finish(STATUS_CANCELLED, 0);
+    }
+    // What the driver holds from the queue: a cancelable request is cancelled; the others
+    // are announced to EvtIoStop, which is never shown a cancelled request.
+    for (const auto& r : device_->held_from(this)) {
+        bool cancelable;
+        {
+            sched::StateLock lock(sched::current());
+            cancelable = r->cancel_routine != nullptr;
+        }
+        if (cancelable) {
+            r->cancel();
+        } else if (config_.EvtIoStop) {
+            call_driver("EvtIoStop", config_.EvtIoStop, wdf(), r->wdf(),
+                        static_cast<ULONG>(WdfRequestStopActionPurge));
+        }
+    }
+    std::size_t held = 0;
+    if (wait &&
+        !device_->wait_until_released(this, sched::current().now() + power_watchdog(), &held)) {
+        violation(Rule::RequestLeaked,
+                  device_->describe() + ": a queue purge waits for ever, the driver still holds " +
+                      std::to_string(held) + " request(s) from it and never completes them",
+                  reinterpret_cast<std::uintptr_t>(handle()), held);
     }
 }
 

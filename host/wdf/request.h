@@ -10,6 +10,7 @@
 #include <memory>
 #include <vector>
 
+#include "io/request.h"
 #include "sched/sched.h"
 #include "wdf/object.h"
 
@@ -37,37 +38,25 @@ class Memory final : public Object
     bool owns_ = false;
 };
 
-enum class Major : std::uint8_t { Read, Write, DeviceControl };
-
+// The framework's request object around one I/O request: an incoming one, or one the
+// driver made for its own sends (formatted anew by each send).
 class Request final : public Object
 {
   public:
     enum class Place : std::uint8_t { Nowhere, Queued, Driver, Completed };
-    struct Buffers {
-        void* input = nullptr;
-        std::size_t input_length = 0;
-        void* output = nullptr;
-        std::size_t output_length = 0;
-        // METHOD_NEITHER: the driver cannot take the buffers through the framework.
-        bool user_buffers = false;
-    };
-    using Completion = std::function<void(NTSTATUS status, ULONG_PTR information)>;
 
     // A request the driver made with WdfRequestCreate.
-    Request() : Object(Kind::Request), created_by_driver_(true) {}
-    // A request arriving from the I/O manager for `device`.
-    Request(Major major, ULONG code, Buffers buffers, Completion completion)
-        : Object(Kind::Request), major_(major), code_(code), buffers_(buffers),
-          completion_(std::move(completion))
+    Request();
+    explicit Request(std::shared_ptr<io::Request> irp) : Object(Kind::Request), irp_(std::move(irp))
     {
     }
 
-    static std::shared_ptr<Request> incoming(Device* device, Major major, ULONG code,
-                                             Buffers buffers, Completion completion);
+    // A request arriving for `device`; cancelling `irp` cancels it.
+    static std::shared_ptr<Request> incoming(Device* device, std::shared_ptr<io::Request> irp);
 
-    Major major() const { return major_; }
-    ULONG code() const { return code_; }
-    const Buffers& buffers() const { return buffers_; }
+    // The I/O request it carries now (a driver-made request's changes with each send).
+    std::shared_ptr<io::Request> irp() const;
+    void set_irp(std::shared_ptr<io::Request> irp);
     bool created_by_driver() const { return created_by_driver_; }
     WDFREQUEST wdf() const { return static_cast<WDFREQUEST>(handle()); }
 
@@ -83,20 +72,20 @@ class Request final : public Object
     bool stop_acknowledged = false;
     bool sending = false; // a driver-made request in a synchronous send
     PFN_WDF_REQUEST_CANCEL cancel_routine = nullptr;
-    NTSTATUS status = STATUS_SUCCESS;
-    ULONG_PTR information = 0;
     Memory* input_memory = nullptr;
     Memory* output_memory = nullptr;
 
+    // The one place where the framework moves a request, with the state lock held. Leaving
+    // the driver ends the device's ownership and returns the queue that had presented it
+    // (the caller tells that queue, without the lock); entering the driver gives it to the
+    // device of its queue (`holder`, when it changes). Any move drops its cancel routine.
+    Queue* move_to(Place to, Queue* holder, Queue* presenter);
     // Completes it (the caller checked ownership) and deletes the object.
     void finish(NTSTATUS status, ULONG_PTR information);
     bool driver_may_delete() const override { return created_by_driver_; }
 
   private:
-    Major major_ = Major::DeviceControl;
-    ULONG code_ = 0;
-    Buffers buffers_;
-    Completion completion_;
+    std::shared_ptr<io::Request> irp_;
     bool created_by_driver_ = false;
 };
 
@@ -120,8 +109,11 @@ class Queue final : public Object
     void set_running(bool running);
     // Delivers queued requests while the queue may present more.
     void deliver();
-    // Completes everything it holds with STATUS_CANCELLED and refuses new requests.
-    void purge();
+    // Refuses new requests, completes the queued ones with STATUS_CANCELLED, cancels those
+    // the driver holds as cancelable and, with `wait`, waits until the driver holds none
+    // from it. Stricter than Windows, where such a purge hangs for ever: a driver that never
+    // lets go stops the run once the power watchdog expires.
+    void purge(bool wait);
     // A request it delivered is no longer with the driver.
     void presented_done();
     // Takes a queued request out for cancellation; false when it is not in this queue.

@@ -49,28 +49,59 @@ Request* held_request(WDFREQUEST handle, const char* call)
     return request;
 }
 
+// The real framework's verifier checks at completion: the request must no longer be
+// cancelable, and it may not report more bytes than its buffer holds (whatever the status).
+// Stricter than Windows: a cancelable completion there only breaks into an attached
+// debugger; here it stops the run like the other.
+// The real framework's verifier checks at completion: the request must no longer be
+// cancelable, and it may not report more bytes than its buffer holds (whatever the status).
+// Stricter than Windows: a cancelable completion there only breaks into an attached
+// debugger; here it stops the run like the other.
+void complete(WDFREQUEST handle, NTSTATUS status, const ULONG_PTR* information, const char* call)
+{
+    Request* request = held_request(handle, call);
+    bool cancelable;
+    {
+        sched::StateLock lock(sched::current());
+        cancelable = request->cancel_routine != nullptr;
+    }
+    if (cancelable) {
+        violation(Rule::CompletedCancelable,
+                  std::string(call) + " on a request still marked cancelable (unmark it first)",
+                  reinterpret_cast<std::uintptr_t>(handle));
+    }
+    auto irp = request->irp();
+    ULONG_PTR told = information ? *information : irp->information();
+    std::size_t room =
+        irp->major() == io::Major::Write ? irp->input().size() : irp->output().size();
+    if (told > room) {
+        violation(Rule::InformationTooLarge,
+                  std::string(call) + " with Information " + std::to_string(told) +
+                      " larger than the request's buffer of " + std::to_string(room) + " bytes",
+                  reinterpret_cast<std::uintptr_t>(handle), told, room);
+    }
+    request->finish(status, told);
+}
+
 NTSTATUS memory_of(Request* request, bool input, WDFMEMORY* memory)
 {
     if (!memory) {
         return STATUS_INVALID_PARAMETER;
     }
     *memory = nullptr;
-    const auto& b = request->buffers();
-    if (request->created_by_driver() || b.user_buffers) {
+    auto irp = request->irp();
+    if (request->created_by_driver() || irp->user_buffers() ||
+        (input && irp->major() == io::Major::Read) ||
+        (!input && irp->major() == io::Major::Write)) {
         return STATUS_INVALID_DEVICE_REQUEST;
     }
-    if ((input && request->major() == Major::Read) ||
-        (!input && request->major() == Major::Write)) {
-        return STATUS_INVALID_DEVICE_REQUEST;
-    }
-    void* buffer = input ? b.input : b.output;
-    std::size_t length = input ? b.input_length : b.output_length;
-    if (!buffer || length == 0) {
+    std::span<std::uint8_t> buffer = input ? irp->input() : irp->output();
+    if (buffer.empty()) {
         return STATUS_BUFFER_TOO_SMALL;
     }
     Memory*& cached = input ? request->input_memory : request->output_memory;
     if (!cached) {
-        auto view = std::make_shared<Memory>(buffer, length);
+        auto view = std::make_shared<Memory>(buffer.data(), buffer.size());
         NTSTATUS status = Objects::attach(view, nullptr, request);
         if (!NT_SUCCESS(status)) {
             return status;
@@ -88,16 +119,15 @@ NTSTATUS buffer_of(Request* request, bool input, size_t minimum, PVOID* buffer, 
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    const auto& b = request->buffers();
-    std::size_t size = input ? b.input_length : b.output_length;
-    if (size < minimum) {
+    auto* view = Objects::get<Memory>(memory, Kind::Memory, "request buffer");
+    if (view->size() < minimum) {
         return STATUS_BUFFER_TOO_SMALL;
     }
     if (buffer) {
-        *buffer = input ? b.input : b.output;
+        *buffer = view->buffer();
     }
     if (length) {
-        *length = size;
+        *length = view->size();
     }
     return STATUS_SUCCESS;
 }
@@ -121,8 +151,8 @@ NTSTATUS WdfIoQueueCreate(WDFDEVICE Device, PWDF_IO_QUEUE_CONFIG Config,
     if (Config->DefaultQueue && device->default_queue()) {
         return STATUS_INVALID_DEVICE_STATE;
     }
-    bool power_managed =
-        Config->PowerManaged == WdfUseDefault ? !device->is_pdo() : Config->PowerManaged == WdfTrue;
+    // Power-managed unless the driver says otherwise, a child's queues included.
+    bool power_managed = Config->PowerManaged != WdfFalse;
     auto queue = std::make_shared<wdf::Queue>(device, *Config, power_managed);
     NTSTATUS status = Objects::attach(queue, QueueAttributes, device);
     if (!NT_SUCCESS(status)) {
@@ -155,7 +185,7 @@ NTSTATUS WdfIoQueueRetrieveNextRequest(WDFQUEUE Queue, WDFREQUEST* OutRequest)
 
 VOID WdfIoQueuePurgeSynchronously(WDFQUEUE Queue)
 {
-    queue_of(Queue, "WdfIoQueuePurgeSynchronously")->purge();
+    queue_of(Queue, "WdfIoQueuePurgeSynchronously")->purge(true);
 }
 
 NTSTATUS WdfRequestCreate(PWDF_OBJECT_ATTRIBUTES RequestAttributes, WDFIOTARGET IoTarget,
@@ -186,13 +216,14 @@ NTSTATUS WdfRequestReuse(WDFREQUEST Request, PWDF_REQUEST_REUSE_PARAMS ReusePara
     if (!request->created_by_driver()) {
         return STATUS_INVALID_DEVICE_REQUEST;
     }
-    sched::StateLock lock(sched::current());
-    if (request->sending) {
-        return STATUS_INVALID_DEVICE_STATE;
+    {
+        sched::StateLock lock(sched::current());
+        if (request->sending) {
+            return STATUS_INVALID_DEVICE_STATE;
+        }
+        request->cancelled = false;
     }
-    request->status = ReuseParams->Status;
-    request->information = 0;
-    request->cancelled = false;
+    request->irp()->reuse(ReuseParams->Status);
     return STATUS_SUCCESS;
 }
 
@@ -222,39 +253,27 @@ NTSTATUS WdfRequestRetrieveOutputBuffer(WDFREQUEST Request, size_t MinimumRequir
 
 VOID WdfRequestComplete(WDFREQUEST Request, NTSTATUS Status)
 {
-    wdf::Request* request = held_request(Request, "WdfRequestComplete");
-    ULONG_PTR information;
-    {
-        sched::StateLock lock(sched::current());
-        information = request->information;
-    }
-    request->finish(Status, information);
+    complete(Request, Status, nullptr, "WdfRequestComplete");
 }
 
 VOID WdfRequestCompleteWithInformation(WDFREQUEST Request, NTSTATUS Status, ULONG_PTR Information)
 {
-    held_request(Request, "WdfRequestCompleteWithInformation")->finish(Status, Information);
+    complete(Request, Status, &Information, "WdfRequestCompleteWithInformation");
 }
 
 VOID WdfRequestSetInformation(WDFREQUEST Request, ULONG_PTR Information)
 {
-    wdf::Request* request = request_of(Request, "WdfRequestSetInformation");
-    sched::StateLock lock(sched::current());
-    request->information = Information;
+    request_of(Request, "WdfRequestSetInformation")->irp()->set_information(Information);
 }
 
 ULONG_PTR WdfRequestGetInformation(WDFREQUEST Request)
 {
-    wdf::Request* request = request_of(Request, "WdfRequestGetInformation");
-    sched::StateLock lock(sched::current());
-    return request->information;
+    return request_of(Request, "WdfRequestGetInformation")->irp()->information();
 }
 
 NTSTATUS WdfRequestGetStatus(WDFREQUEST Request)
 {
-    wdf::Request* request = request_of(Request, "WdfRequestGetStatus");
-    sched::StateLock lock(sched::current());
-    return request->status;
+    return request_of(Request, "WdfRequestGetStatus")->irp()->status();
 }
 
 WDFQUEUE WdfRequestGetIoQueue(WDFREQUEST Request)

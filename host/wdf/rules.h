@@ -23,6 +23,9 @@ enum class Rule : std::uint64_t {
     SyncSendIrql = 9,
     DeleteNotAllowed = 10,
     WaitLockNotOwned = 11,
+    CompletedCancelable = 12,
+    InformationTooLarge = 13,
+    RequestInFlight = 14,
 };
 
 [[noreturn]] void violation(Rule rule, const std::string& what, std::uint64_t p2 = 0,

@@ -12,8 +12,8 @@
 //     as payload. Clients recognise NMEA by its content, not by these identifiers.
 // NMEA off (pid 0xFF, sid 2) stops the sentences, NMEA on (sid 3) restarts them; sid 4 is
 // acknowledged and changes nothing. Cold start (pid 0x20, sid 6) and warm start (sid 2) drop
-// the receiver's fix, which returns after the receiver's time to first fix; a cold start
-// also plays a capture from its beginning again. Assistance blocks (pid 6) shorten the next
+// the receiver model's fix, which returns after its time to first fix; a capture plays as
+// recorded, from its beginning again after a cold start. Assistance blocks (pid 6) shorten the next
 // search. Geofence commands (pid 0x30) work on a table of fences (chip/geofence.h).
 // Every burst (an epoch, an answer) leaves as one run of bytes. The baud-rate command
 // (pid 0x16, sid 0, u32 rate little-endian) is answered at the old rate; the chip switches

@@ -237,16 +237,14 @@ Place ReceiverModel::place(Nanos now) const
         return route.empty() ? Place{} : Place{route[0].latitude, route[0].longitude, 0};
     }
     std::vector<Point> pts;
-    double length = 0;
-    for (std::size_t i = 0; i < route.size(); ++i) {
-        pts.push_back(local(route[0], route[i]));
-        if (i > 0) {
-            length += std::hypot(pts[i].x - pts[i - 1].x, pts[i].y - pts[i - 1].y);
-        }
+    for (const auto& w : route) {
+        pts.push_back(local(route[0], w));
     }
     pts.push_back(pts[0]);
-    length +=
-        std::hypot(pts.back().x - pts[pts.size() - 2].x, pts.back().y - pts[pts.size() - 2].y);
+    double length = 0;
+    for (std::size_t i = 1; i < pts.size(); ++i) {
+        length += std::hypot(pts[i].x - pts[i - 1].x, pts[i].y - pts[i - 1].y);
+    }
     double d = length > 0 ? std::fmod(config_.speed * in_seconds(now - origin_), length) : 0;
     for (std::size_t i = 1; i < pts.size(); ++i) {
         const double dx = pts[i].x - pts[i - 1].x;

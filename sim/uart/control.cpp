@@ -55,7 +55,7 @@ NTSTATUS SerialController::set_line(const LineSettings& s)
     return STATUS_SUCCESS;
 }
 
-SerialController::Completion SerialController::control(io::IoRequest& req, Completions& done)
+SerialController::Completion SerialController::control(io::Request& req, Completions& done)
 {
     const auto in = req.input();
     const auto out = req.output();

@@ -20,12 +20,12 @@ Nanos from_ms(std::uint64_t ms)
 
 } // namespace
 
-class SerialController::File final : public io::LowerFile
+class SerialController::File final : public io::File
 {
   public:
     explicit File(SerialController& c) : c_(c) {}
     ~File() override { c_.close(); }
-    void dispatch(std::shared_ptr<io::IoRequest> request) override { c_.dispatch(request); }
+    void dispatch(std::shared_ptr<io::Request> request) override { c_.dispatch(request); }
 
   private:
     SerialController& c_;
@@ -53,7 +53,7 @@ SerialController::~SerialController()
     sched_.join(thread_);
 }
 
-NTSTATUS SerialController::open(const io::OpenParams&, std::unique_ptr<io::LowerFile>& file)
+NTSTATUS SerialController::open(const io::OpenParams&, std::unique_ptr<io::File>& file)
 {
     sched::StateLock lock(sched_);
     if (open_) {
@@ -351,14 +351,14 @@ void SerialController::start_write(const Request& req)
 
 void SerialController::arm_cancel(const Request& req)
 {
-    if (!req->set_cancel_routine([this](io::IoRequest& r) { cancel(r); })) {
+    if (!req->set_cancel_routine([this](io::Request& r) { cancel(r); })) {
         // Cancelled before the routine was in place (or already completed: then this finds
         // nothing to do).
         cancel(*req);
     }
 }
 
-void SerialController::cancel(io::IoRequest& req)
+void SerialController::cancel(io::Request& req)
 {
     Completions done;
     {

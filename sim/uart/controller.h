@@ -27,7 +27,7 @@
 
 #include "sched/sched.h"
 #include "sim/support/line.h"
-#include "wdf/lower_device.h"
+#include "io/names.h"
 
 namespace mvgps::sim::uart
 {
@@ -48,7 +48,7 @@ struct ControllerStats {
     std::uint64_t opens = 0;
 };
 
-class SerialController final : public io::LowerDevice, private LineReceiver
+class SerialController final : public io::Device, private LineReceiver
 {
   public:
     SerialController(Line& line, ControllerConfig config = {});
@@ -56,7 +56,7 @@ class SerialController final : public io::LowerDevice, private LineReceiver
     SerialController(const SerialController&) = delete;
     SerialController& operator=(const SerialController&) = delete;
 
-    NTSTATUS open(const io::OpenParams& params, std::unique_ptr<io::LowerFile>& file) override;
+    NTSTATUS open(const io::OpenParams& params, std::unique_ptr<io::File>& file) override;
 
     ControllerStats stats() const;
     LineSettings settings() const;
@@ -64,7 +64,7 @@ class SerialController final : public io::LowerDevice, private LineReceiver
 
   private:
     class File;
-    using Request = std::shared_ptr<io::IoRequest>;
+    using Request = std::shared_ptr<io::Request>;
 
     enum class ReadMode { Normal, Immediate, AnyByte };
     struct Read {
@@ -102,7 +102,7 @@ class SerialController final : public io::LowerDevice, private LineReceiver
     void start_read(const Request& req);
     void start_write(const Request& req);
     void arm_cancel(const Request& req);
-    void cancel(io::IoRequest& req);
+    void cancel(io::Request& req);
 
     // With the state lock held.
     void serve_reads(sched::Nanos now, Completions& done);
@@ -112,7 +112,7 @@ class SerialController final : public io::LowerDevice, private LineReceiver
     void finish_read(NTSTATUS status, Completions& done);
     void abort_reads(Completions& done);
     void abort_writes(std::size_t from, sched::Nanos now, Completions& done);
-    Completion control(io::IoRequest& req, Completions& done);
+    Completion control(io::Request& req, Completions& done);
     NTSTATUS set_line(const LineSettings& s);
 
     // Without it.

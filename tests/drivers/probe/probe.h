@@ -2,6 +2,11 @@
 // each, shared by the driver and the tests that load it. Parameters (registry values):
 //   QueuePowerManaged  0 or 1 (default 1): the default queue's power management
 //   AllowForward       0 or 1 (default 1): whether the child may forward to its parent
+//   Fail               which callback fails: PROBE_FAIL_* (default none)
+//   DoubleFree         1: the SelfManagedIoInit failure path frees a block that
+//                      SelfManagedIoCleanup frees again (a crash on Windows)
+//   VetoRemove         1: EvtDeviceQueryRemove refuses
+//   RelayPassive       1: the relay queue asks for PASSIVE_LEVEL callbacks
 #pragma once
 
 #include <wdm.h>
@@ -23,6 +28,24 @@
 #define IOCTL_PROBE_RAISED_IRQL PROBE_CODE(8)
 #define IOCTL_PROBE_SPIN_LOCK_HELD PROBE_CODE(9)
 #define IOCTL_PROBE_LEAK_POOL PROBE_CODE(10)
+// Kept as cancelable: acknowledged in EvtIoStop on a power-down, cancelled by a purge.
+#define IOCTL_PROBE_HOLD_CANCELABLE PROBE_CODE(11)
+// Forwarded under a spin lock to the relay queue, whose callback is pageable code.
+#define IOCTL_PROBE_RELAY_RAISED PROBE_CODE(12)
+// Completed with more Information than its output buffer holds.
+#define IOCTL_PROBE_OVERSTATE PROBE_CODE(13)
+// Completed while still marked cancelable.
+#define IOCTL_PROBE_COMPLETE_CANCELABLE PROBE_CODE(14)
+// Starts a system thread that never ends (the driver forgets to stop it).
+#define IOCTL_PROBE_START_THREAD PROBE_CODE(15)
+// A false NT_ASSERT.
+#define IOCTL_PROBE_ASSERT PROBE_CODE(16)
+// IOCTL_PROBE_RETRIEVE on the relay queue, which is parallel.
+#define IOCTL_PROBE_RETRIEVE_RELAY PROBE_CODE(17)
+
+#define PROBE_FAIL_PREPARE_HARDWARE 1
+#define PROBE_FAIL_SELF_MANAGED_IO_INIT 2
+#define PROBE_FAIL_WAKE 3 // D0Entry from a sleep state
 
 // Where the control callback ran, and how many times DriverEntry ran in this load.
 struct PROBE_STATE {

@@ -9,6 +9,9 @@
 
 typedef struct _PROBE_CONTEXT {
     WDFQUEUE Parked;
+    WDFQUEUE Relay;
+    WDFREQUEST Cancelable;
+    PVOID Block; // what SelfManagedIoInit allocates
 } PROBE_CONTEXT, *PPROBE_CONTEXT;
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(PROBE_CONTEXT, ProbeGetContext)
 
@@ -20,6 +23,11 @@ typedef struct _PROBE_CHILD {
 static ULONG g_Loads;
 static ULONG g_QueuePowerManaged = 1;
 static ULONG g_AllowForward = 1;
+static ULONG g_Fail;
+static ULONG g_DoubleFree;
+static ULONG g_VetoRemove;
+static ULONG g_RelayPassive;
+static KEVENT g_Never; // what the probe's thread waits for: nothing sets it (a bug kept on purpose)
 
 #define LOG(...) DbgPrint("probe: " __VA_ARGS__)
 // The power state as the log shows it: D0..D3, and D9 for the final D3 of a removal.
@@ -34,9 +42,17 @@ static EVT_WDF_DEVICE_D0_ENTRY ProbeD0Entry;
 static EVT_WDF_DEVICE_D0_EXIT ProbeD0Exit;
 static EVT_WDF_DEVICE_SELF_MANAGED_IO_INIT ProbeSelfManagedIoInit;
 static EVT_WDF_DEVICE_SELF_MANAGED_IO_RESTART ProbeSelfManagedIoRestart;
+static EVT_WDF_DEVICE_SELF_MANAGED_IO_SUSPEND ProbeSelfManagedIoSuspend;
+static EVT_WDF_DEVICE_SELF_MANAGED_IO_FLUSH ProbeSelfManagedIoFlush;
 static EVT_WDF_DEVICE_SELF_MANAGED_IO_CLEANUP ProbeSelfManagedIoCleanup;
 static EVT_WDF_DEVICE_SURPRISE_REMOVAL ProbeSurpriseRemoval;
+static EVT_WDF_DEVICE_QUERY_REMOVE ProbeQueryRemove;
 static EVT_WDF_IO_QUEUE_IO_DEVICE_CONTROL ProbeDeviceControl;
+static EVT_WDF_IO_QUEUE_IO_DEVICE_CONTROL ProbeRelayControl;
+static EVT_WDF_IO_QUEUE_IO_STOP ProbeIoStop;
+static EVT_WDF_IO_QUEUE_IO_RESUME ProbeIoResume;
+static EVT_WDF_REQUEST_CANCEL ProbeRequestCancel;
+KSTART_ROUTINE ProbeThread; // exported, so that reports name the thread
 static EVT_WDF_IO_QUEUE_IO_DEVICE_CONTROL ProbeChildDeviceControl;
 static EVT_WDF_CHILD_LIST_CREATE_DEVICE ProbeCreateChild;
 static EVT_WDF_DEVICE_RELEASE_HARDWARE ProbeChildReleaseHardware;
@@ -62,6 +78,10 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
     WDFDRIVER driver;
     DECLARE_CONST_UNICODE_STRING(powerManaged, L"QueuePowerManaged");
     DECLARE_CONST_UNICODE_STRING(allowForward, L"AllowForward");
+    DECLARE_CONST_UNICODE_STRING(fail, L"Fail");
+    DECLARE_CONST_UNICODE_STRING(doubleFree, L"DoubleFree");
+    DECLARE_CONST_UNICODE_STRING(vetoRemove, L"VetoRemove");
+    DECLARE_CONST_UNICODE_STRING(relayPassive, L"RelayPassive");
 
     g_Loads++;
     WDF_DRIVER_CONFIG_INIT(&config, ProbeDeviceAdd);
@@ -72,6 +92,11 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
     if (NT_SUCCESS(status)) {
         g_QueuePowerManaged = ReadParameter(driver, &powerManaged, 1);
         g_AllowForward = ReadParameter(driver, &allowForward, 1);
+        g_Fail = ReadParameter(driver, &fail, 0);
+        g_DoubleFree = ReadParameter(driver, &doubleFree, 0);
+        g_VetoRemove = ReadParameter(driver, &vetoRemove, 0);
+        g_RelayPassive = ReadParameter(driver, &relayPassive, 0);
+        KeInitializeEvent(&g_Never, NotificationEvent, FALSE);
         LOG("DriverEntry\n");
     }
     return status;
@@ -99,8 +124,11 @@ static NTSTATUS ProbeDeviceAdd(WDFDRIVER, PWDFDEVICE_INIT DeviceInit)
     pnp.EvtDeviceD0Exit = ProbeD0Exit;
     pnp.EvtDeviceSelfManagedIoInit = ProbeSelfManagedIoInit;
     pnp.EvtDeviceSelfManagedIoRestart = ProbeSelfManagedIoRestart;
+    pnp.EvtDeviceSelfManagedIoSuspend = ProbeSelfManagedIoSuspend;
+    pnp.EvtDeviceSelfManagedIoFlush = ProbeSelfManagedIoFlush;
     pnp.EvtDeviceSelfManagedIoCleanup = ProbeSelfManagedIoCleanup;
     pnp.EvtDeviceSurpriseRemoval = ProbeSurpriseRemoval;
+    pnp.EvtDeviceQueryRemove = ProbeQueryRemove;
     WdfDeviceInitSetPnpPowerEventCallbacks(DeviceInit, &pnp);
     WDF_CHILD_LIST_CONFIG_INIT(&children, sizeof(PROBE_CHILD), ProbeCreateChild);
     WdfFdoInitSetDefaultChildListConfig(DeviceInit, &children, WDF_NO_OBJECT_ATTRIBUTES);
@@ -114,6 +142,8 @@ static NTSTATUS ProbeDeviceAdd(WDFDRIVER, PWDFDEVICE_INIT DeviceInit)
 
     WDF_IO_QUEUE_CONFIG_INIT_DEFAULT_QUEUE(&queueConfig, WdfIoQueueDispatchParallel);
     queueConfig.EvtIoDeviceControl = ProbeDeviceControl;
+    queueConfig.EvtIoStop = ProbeIoStop;
+    queueConfig.EvtIoResume = ProbeIoResume;
     queueConfig.PowerManaged = g_QueuePowerManaged ? WdfTrue : WdfFalse;
     status = WdfIoQueueCreate(device, &queueConfig, WDF_NO_OBJECT_ATTRIBUTES, WDF_NO_HANDLE);
     if (!NT_SUCCESS(status)) {
@@ -124,24 +154,46 @@ static NTSTATUS ProbeDeviceAdd(WDFDRIVER, PWDFDEVICE_INIT DeviceInit)
     if (!NT_SUCCESS(status)) {
         return status;
     }
+    WDF_IO_QUEUE_CONFIG_INIT(&queueConfig, WdfIoQueueDispatchParallel);
+    queueConfig.EvtIoDeviceControl = ProbeRelayControl;
+    queueConfig.PowerManaged = WdfFalse;
+    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+    if (g_RelayPassive) {
+        attributes.ExecutionLevel = WdfExecutionLevelPassive;
+    }
+    status = WdfIoQueueCreate(device, &queueConfig, &attributes, &context->Relay);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
     return WdfDeviceCreateDeviceInterface(device, &GUID_DEVINTERFACE_PROBE, NULL);
 }
 
 static NTSTATUS ProbePrepareHardware(WDFDEVICE, WDFCMRESLIST, WDFCMRESLIST)
 {
     LOG("PrepareHardware\n");
-    return STATUS_SUCCESS;
+    return g_Fail == PROBE_FAIL_PREPARE_HARDWARE ? STATUS_DEVICE_NOT_READY : STATUS_SUCCESS;
 }
 
+// Logs whether the probe's interface is still enabled: the framework disables it only after.
 static NTSTATUS ProbeReleaseHardware(WDFDEVICE, WDFCMRESLIST)
 {
-    LOG("ReleaseHardware\n");
+    PZZWSTR links = NULL;
+    BOOLEAN enabled = FALSE;
+
+    if (NT_SUCCESS(IoGetDeviceInterfaces(&GUID_DEVINTERFACE_PROBE, NULL, 0, &links))) {
+        enabled = links[0] != 0;
+        ExFreePool(links);
+    }
+    LOG("ReleaseHardware%s\n", enabled ? "(interface enabled)" : "");
     return STATUS_SUCCESS;
 }
 
 static NTSTATUS ProbeD0Entry(WDFDEVICE, WDF_POWER_DEVICE_STATE PreviousState)
 {
     LOG("D0Entry(D%d)\n", POWER_STATE(PreviousState));
+    if (g_Fail == PROBE_FAIL_WAKE && PreviousState != WdfPowerDeviceD3Final) {
+        return STATUS_DEVICE_NOT_READY;
+    }
     return STATUS_SUCCESS;
 }
 
@@ -151,10 +203,23 @@ static NTSTATUS ProbeD0Exit(WDFDEVICE, WDF_POWER_DEVICE_STATE TargetState)
     return STATUS_SUCCESS;
 }
 
-static NTSTATUS ProbeSelfManagedIoInit(WDFDEVICE)
+static NTSTATUS ProbeSelfManagedIoInit(WDFDEVICE Device)
 {
+    PPROBE_CONTEXT context = ProbeGetContext(Device);
+
     LOG("SelfManagedIoInit\n");
-    return STATUS_SUCCESS;
+    context->Block = ExAllocatePoolWithTag(NonPagedPoolNx, 32, PROBE_POOL_TAG);
+    if (!context->Block) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    if (g_Fail != PROBE_FAIL_SELF_MANAGED_IO_INIT) {
+        return STATUS_SUCCESS;
+    }
+    ExFreePoolWithTag(context->Block, PROBE_POOL_TAG);
+    if (!g_DoubleFree) {
+        context->Block = NULL;
+    }
+    return STATUS_DEVICE_NOT_READY;
 }
 
 static NTSTATUS ProbeSelfManagedIoRestart(WDFDEVICE)
@@ -163,14 +228,70 @@ static NTSTATUS ProbeSelfManagedIoRestart(WDFDEVICE)
     return STATUS_SUCCESS;
 }
 
-static VOID ProbeSelfManagedIoCleanup(WDFDEVICE)
+static NTSTATUS ProbeSelfManagedIoSuspend(WDFDEVICE)
 {
+    LOG("SelfManagedIoSuspend\n");
+    return STATUS_SUCCESS;
+}
+
+static VOID ProbeSelfManagedIoFlush(WDFDEVICE)
+{
+    LOG("SelfManagedIoFlush\n");
+}
+
+static VOID ProbeSelfManagedIoCleanup(WDFDEVICE Device)
+{
+    PPROBE_CONTEXT context = ProbeGetContext(Device);
+
     LOG("SelfManagedIoCleanup\n");
+    if (context->Block) {
+        ExFreePoolWithTag(context->Block, PROBE_POOL_TAG);
+        context->Block = NULL;
+    }
 }
 
 static VOID ProbeSurpriseRemoval(WDFDEVICE)
 {
     LOG("SurpriseRemoval\n");
+}
+
+static NTSTATUS ProbeQueryRemove(WDFDEVICE)
+{
+    LOG("QueryRemove\n");
+    return g_VetoRemove ? STATUS_UNSUCCESSFUL : STATUS_SUCCESS;
+}
+
+// The cancelable request is acknowledged on a power-down; every other one is left alone.
+static VOID ProbeIoStop(WDFQUEUE Queue, WDFREQUEST Request, ULONG ActionFlags)
+{
+    LOG("IoStop(0x%x)\n", ActionFlags);
+    if (Request == ProbeGetContext(WdfIoQueueGetDevice(Queue))->Cancelable &&
+        (ActionFlags & WdfRequestStopActionSuspend)) {
+        WdfRequestStopAcknowledge(Request, FALSE);
+    }
+}
+
+static VOID ProbeIoResume(WDFQUEUE, WDFREQUEST)
+{
+    LOG("IoResume\n");
+}
+
+static VOID ProbeRequestCancel(WDFREQUEST Request)
+{
+    LOG("RequestCancel\n");
+    WdfRequestComplete(Request, STATUS_CANCELLED);
+}
+
+VOID ProbeThread(PVOID)
+{
+    KeWaitForSingleObject(&g_Never, Executive, KernelMode, FALSE, NULL);
+}
+
+// Pageable: it assumes PASSIVE_LEVEL, which only the relay queue's execution level grants.
+static VOID ProbeRelayControl(WDFQUEUE, WDFREQUEST Request, size_t, size_t, ULONG)
+{
+    PAGED_CODE();
+    WdfRequestComplete(Request, STATUS_SUCCESS);
 }
 
 // Reports the child twice: the second report finds it present.
@@ -259,8 +380,8 @@ static VOID ProbeEcho(WDFREQUEST Request)
     WdfRequestCompleteWithInformation(Request, STATUS_SUCCESS, length);
 }
 
-static VOID ProbeDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t, size_t,
-                               ULONG IoControlCode)
+static VOID ProbeDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t OutputBufferLength,
+                               size_t, ULONG IoControlCode)
 {
     PPROBE_CONTEXT context = ProbeGetContext(WdfIoQueueGetDevice(Queue));
     WDFREQUEST parked;
@@ -268,6 +389,7 @@ static VOID ProbeDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t, size_
     PROBE_STATE* state;
     KSPIN_LOCK spin;
     KIRQL irql;
+    HANDLE thread;
 
     switch (IoControlCode) {
     case IOCTL_PROBE_ECHO:
@@ -285,7 +407,9 @@ static VOID ProbeDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t, size_
         }
         return;
     case IOCTL_PROBE_RETRIEVE:
-        status = WdfIoQueueRetrieveNextRequest(context->Parked, &parked);
+    case IOCTL_PROBE_RETRIEVE_RELAY:
+        status = WdfIoQueueRetrieveNextRequest(
+            IoControlCode == IOCTL_PROBE_RETRIEVE ? context->Parked : context->Relay, &parked);
         if (NT_SUCCESS(status)) {
             WdfRequestComplete(parked, STATUS_SUCCESS);
         }
@@ -317,6 +441,38 @@ static VOID ProbeDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t, size_
         KeInitializeSpinLock(&spin);
         KeAcquireSpinLock(&spin, &irql);
         return;
+    case IOCTL_PROBE_HOLD_CANCELABLE:
+        context->Cancelable = Request;
+        status = WdfRequestMarkCancelableEx(Request, ProbeRequestCancel);
+        if (NT_SUCCESS(status)) {
+            return;
+        }
+        break;
+    case IOCTL_PROBE_RELAY_RAISED:
+        KeInitializeSpinLock(&spin);
+        KeAcquireSpinLock(&spin, &irql);
+        status = WdfRequestForwardToIoQueue(Request, context->Relay);
+        KeReleaseSpinLock(&spin, irql);
+        if (NT_SUCCESS(status)) {
+            return;
+        }
+        break;
+    case IOCTL_PROBE_OVERSTATE:
+        WdfRequestCompleteWithInformation(Request, STATUS_SUCCESS, OutputBufferLength + 1);
+        return;
+    case IOCTL_PROBE_COMPLETE_CANCELABLE:
+        status = WdfRequestMarkCancelableEx(Request, ProbeRequestCancel);
+        break;
+    case IOCTL_PROBE_START_THREAD:
+        status =
+            PsCreateSystemThread(&thread, THREAD_ALL_ACCESS, NULL, NULL, NULL, ProbeThread, NULL);
+        if (NT_SUCCESS(status)) {
+            ZwClose(thread);
+        }
+        break;
+    case IOCTL_PROBE_ASSERT:
+        NT_ASSERT(IoControlCode != IOCTL_PROBE_ASSERT);
+        break;
     case IOCTL_PROBE_LEAK_POOL:
         if (!ExAllocatePoolWithTag(NonPagedPoolNx, 16, PROBE_POOL_TAG)) {
             status = STATUS_INSUFFICIENT_RESOURCES;

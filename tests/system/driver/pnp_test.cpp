@@ -87,6 +87,8 @@ const FailureCase kFailureCases[] = {
      STATUS_INSUFFICIENT_RESOURCES, " WdfMemoryCreatePreallocated failed STATUS(0xc000009a)"},
     {"read_event_queue", wdf::faults::fail_nth_create(2, wdf::Kind::Queue), STATUS_DEVICE_NOT_READY,
      " WdfIoQueueCreate(Event) Status(0xc000009a)"},
+    {"work_item", wdf::faults::fail_nth_create(1, wdf::Kind::WorkItem),
+     STATUS_INSUFFICIENT_RESOURCES, "FdoDevPrepareHardware End: STATUS(0xc000009a)"},
     {"data_queue", wdf::faults::fail_nth_create(3, wdf::Kind::Queue), STATUS_INSUFFICIENT_RESOURCES,
      " UART_CreateLocalIOQueues failed Status(0xc000009a)"},
 };

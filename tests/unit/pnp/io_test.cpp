@@ -67,6 +67,8 @@ TEST_F(IoTest, ParallelDefaultQueueRunsTheCallbackOnTheSendingThreadAtPassiveLev
 TEST_F(IoTest, ManualQueueHoldsRequestsUntilRetrievedAndEmptyReportsNoMoreEntries)
 {
     EXPECT_EQ(handle_->ioctl(IOCTL_PROBE_RETRIEVE, {}, {}), STATUS_NO_MORE_ENTRIES);
+    EXPECT_EQ(handle_->ioctl(IOCTL_PROBE_RETRIEVE_RELAY, {}, {}), STATUS_INVALID_DEVICE_STATE)
+        << "a parallel queue has nothing to retrieve";
     auto parked = handle_->ioctl_async(IOCTL_PROBE_PARK, {}, 0);
     EXPECT_FALSE(parked->done()) << "a request in a manual queue waits there";
     EXPECT_EQ(handle_->ioctl(IOCTL_PROBE_RETRIEVE, {}, {}), STATUS_SUCCESS);
@@ -107,6 +109,19 @@ TEST_F(IoTest, PowerManagedQueueDeliversOnlyInD0)
     EXPECT_EQ(echo->status(), STATUS_SUCCESS);
     EXPECT_EQ(std::vector<std::uint8_t>(echo->output().begin(), echo->output().end()),
               (std::vector<std::uint8_t>{10, 9}));
+}
+
+// Forwarded under a spin lock, a request reaches a queue that asked for PASSIVE_LEVEL from a
+// framework thread (the pageable callback is content); without the request it would run
+// inline at DISPATCH_LEVEL, which the verifier tests show stopping the run.
+TEST_F(IoTest, PassiveExecutionLevelMovesCallbacksOffARaisedCaller)
+{
+    handle_.reset();
+    stack_.reset();
+    stack_ = make_stack({{u"RelayPassive", 1}});
+    ASSERT_EQ(stack_->bring_up(), STATUS_SUCCESS);
+    handle_ = open();
+    EXPECT_EQ(handle_->ioctl(IOCTL_PROBE_RELAY_RAISED, {}, {}), STATUS_SUCCESS);
 }
 
 } // namespace

@@ -14,10 +14,10 @@ namespace mvgps::pnp::test
 namespace
 {
 
-class NullDevice : public io::LowerDevice
+class NullDevice : public io::Device
 {
   public:
-    NTSTATUS open(const io::OpenParams&, std::unique_ptr<io::LowerFile>&) override
+    NTSTATUS open(const io::OpenParams&, std::unique_ptr<io::File>&) override
     {
         return STATUS_ACCESS_DENIED;
     }
@@ -38,7 +38,7 @@ TEST(SystemTest, SerialPortsAreNamedAndListedInTheOrderAdded)
     remove_serial_port(u"\\??\\COM7");
     remove_serial_port(u"\\??\\COM3");
     EXPECT_TRUE(kernel::interfaces(GUID_DEVINTERFACE_COMPORT).empty());
-    std::unique_ptr<io::LowerFile> file;
+    std::unique_ptr<io::File> file;
     EXPECT_EQ(io::open(u"\\??\\COM3", {}, file), STATUS_OBJECT_NAME_NOT_FOUND);
 }
 

@@ -72,7 +72,7 @@ TEST_F(HostedDeviceTest, ResourceHubLeadsTheDriverToTheControllerAtTheDeviceRate
     EXPECT_EQ(device->controller().settings().rate, 921600u);
     EXPECT_EQ(device->chip()->rate(), 921600u);
 
-    std::unique_ptr<io::LowerFile> second;
+    std::unique_ptr<io::File> second;
     EXPECT_EQ(io::open(path, {}, second), STATUS_SHARING_VIOLATION) << "the driver holds it";
 }
 

@@ -209,7 +209,7 @@ TEST(SerialController, OneOpenAtATime)
 {
     Port p;
     ASSERT_EQ(p.open_status, STATUS_SUCCESS);
-    std::unique_ptr<io::LowerFile> second;
+    std::unique_ptr<io::File> second;
     EXPECT_EQ(p.controller.open({}, second), STATUS_SHARING_VIOLATION);
     EXPECT_EQ(second, nullptr);
 

@@ -10,7 +10,7 @@
 #include "sim/uart/controller.h"
 #include "sim/uart/wire.h"
 #include "sim_testkit/client.h"
-#include "wdf/lower_device.h"
+#include "io/names.h"
 
 namespace mvgps::sim::uart
 {
@@ -30,32 +30,30 @@ inline Bytes times(ULONG interval, ULONG multiplier, ULONG constant, ULONG write
     return bytes_of(SERIAL_TIMEOUTS{interval, multiplier, constant, 0, write});
 }
 
-inline std::shared_ptr<io::IoRequest> submit(io::LowerFile& file, io::Major major,
-                                             std::span<const std::uint8_t> in,
-                                             std::span<std::uint8_t> out, ULONG code = 0)
+inline std::shared_ptr<io::Request> submit(io::File& file, io::Major major,
+                                           std::span<const std::uint8_t> in,
+                                           std::span<std::uint8_t> out, ULONG code = 0)
 {
-    auto r = io::IoRequest::make(major, code, in, out);
+    auto r = io::Request::make(major, code, in, out);
     file.dispatch(r);
     return r;
 }
 
-// One system buffer of max(in, out) bytes; `out` gets what the call returned.
-inline NTSTATUS control(io::LowerFile& file, ULONG code, const Bytes& in, std::size_t out_size = 0,
+// A buffered control call; `out` gets what the call returned.
+inline NTSTATUS control(io::File& file, ULONG code, const Bytes& in, std::size_t out_size = 0,
                         Bytes* out = nullptr)
 {
-    Bytes system(std::max(in.size(), out_size));
-    std::copy(in.begin(), in.end(), system.begin());
-    auto r = submit(file, io::Major::DeviceControl, std::span(system).first(in.size()),
-                    std::span(system).first(out_size), code);
+    Bytes returned(out_size);
+    auto r = submit(file, io::Major::DeviceControl, in, returned, code);
     r->wait(sched::kForever);
     if (out != nullptr) {
-        out->assign(system.begin(), system.begin() + static_cast<long>(r->information()));
+        out->assign(returned.begin(), returned.begin() + static_cast<long>(r->information()));
     }
     return r->status();
 }
 
 // Waits for a request until `deadline`, then cancels it: its buffers must outlive it.
-inline void finish(io::IoRequest& r, sched::Nanos deadline)
+inline void finish(io::Request& r, sched::Nanos deadline)
 {
     if (!r.wait(deadline)) {
         r.cancel();
@@ -64,8 +62,8 @@ inline void finish(io::IoRequest& r, sched::Nanos deadline)
 }
 
 // A frame written as the driver writes it; done once the request completes (by `deadline`).
-inline std::shared_ptr<io::IoRequest> write_frame(io::LowerFile& file, const chip::Frame& f,
-                                                  sched::Nanos deadline = sched::kForever)
+inline std::shared_ptr<io::Request> write_frame(io::File& file, const chip::Frame& f,
+                                                sched::Nanos deadline = sched::kForever)
 {
     const Bytes bytes = chip::encode(f);
     auto r = submit(file, io::Major::Write, bytes, {});
@@ -74,9 +72,9 @@ inline std::shared_ptr<io::IoRequest> write_frame(io::LowerFile& file, const chi
 }
 
 // One read as the driver issues it; what it brought goes to the parser.
-inline std::shared_ptr<io::IoRequest> read_frames(io::LowerFile& file, chip::FrameParser& parser,
-                                                  const chip::FrameParser::Sink& sink,
-                                                  sched::Nanos deadline = sched::kForever)
+inline std::shared_ptr<io::Request> read_frames(io::File& file, chip::FrameParser& parser,
+                                                const chip::FrameParser::Sink& sink,
+                                                sched::Nanos deadline = sched::kForever)
 {
     Bytes buffer(2048);
     auto r = submit(file, io::Major::Read, {}, buffer);
@@ -109,7 +107,7 @@ struct Port {
     Wire wire;
     SerialController controller;
     testkit::Client far;
-    std::unique_ptr<io::LowerFile> file;
+    std::unique_ptr<io::File> file;
     NTSTATUS open_status;
 };
 

@@ -29,7 +29,7 @@ Outcome run_scenario(std::uint64_t seed)
         "$GPRMC,120001,A*00\n"));
     chip::Chip chip(wire.b(), cfg);
     SerialController controller(wire.a(), port_at(921600));
-    std::unique_ptr<io::LowerFile> file;
+    std::unique_ptr<io::File> file;
     EXPECT_EQ(controller.open({}, file), STATUS_SUCCESS);
     EXPECT_EQ(control(*file, IOCTL_SERIAL_SET_TIMEOUTS, times(10, 0, 0)), STATUS_SUCCESS);
 

@@ -23,7 +23,7 @@ TEST(TtyLine, CommandAndAnswerCrossAPty)
     cfg.nmea_on = false;
     chip::Chip chip(*chip_side, cfg);
     SerialController controller(*port_side, port_at(921600));
-    std::unique_ptr<io::LowerFile> file;
+    std::unique_ptr<io::File> file;
     ASSERT_EQ(controller.open({}, file), STATUS_SUCCESS);
     ASSERT_EQ(control(*file, IOCTL_SERIAL_SET_TIMEOUTS, times(10, 0, 0)), STATUS_SUCCESS);
 

@@ -1,11 +1,14 @@
 #include <ntddser.h>
 
 #include <functional>
+#include <optional>
 #include <vector>
 
 #include "fixture.h"
+#include "sim/uart/controller.h"
+#include "sim/uart/wire.h"
 #include "wdf/faults.h"
-#include "wdf/lower_device.h"
+#include "io/names.h"
 
 namespace mvgps::wdf::test
 {
@@ -13,23 +16,23 @@ namespace
 {
 
 // A lower device whose behaviour each test scripts; `opens` counts its files still open.
-struct FakeDevice : io::LowerDevice {
-    struct File : io::LowerFile {
+struct FakeDevice : io::Device {
+    struct File : io::File {
         explicit File(FakeDevice& d) : device(d) { device.opens++; }
         ~File() override { device.opens--; }
-        void dispatch(std::shared_ptr<io::IoRequest> r) override
+        void dispatch(std::shared_ptr<io::Request> r) override
         {
             device.dispatched++;
             device.serve(std::move(r));
         }
         FakeDevice& device;
     };
-    NTSTATUS open(const io::OpenParams&, std::unique_ptr<io::LowerFile>& file) override
+    NTSTATUS open(const io::OpenParams&, std::unique_ptr<io::File>& file) override
     {
         file = std::make_unique<File>(*this);
         return STATUS_SUCCESS;
     }
-    std::function<void(std::shared_ptr<io::IoRequest>)> serve;
+    std::function<void(std::shared_ptr<io::Request>)> serve;
     int opens = 0;
     int dispatched = 0;
 };
@@ -63,8 +66,8 @@ class IoTargetTest : public FrameworkTest
     void complete_after(sched::Nanos delay, std::size_t bytes,
                         NTSTATUS on_cancel = STATUS_CANCELLED)
     {
-        device_->serve = [=, this](std::shared_ptr<io::IoRequest> r) {
-            r->set_cancel_routine([=](io::IoRequest& req) { req.complete(on_cancel, 3); });
+        device_->serve = [=, this](std::shared_ptr<io::Request> r) {
+            r->set_cancel_routine([=](io::Request& req) { req.complete(on_cancel, 3); });
             workers_.push_back(sched::current().spawn("device", [r, delay, bytes] {
                 // Cancelling completes the request, which ends this wait early.
                 if (!r->wait(sched::current().now() + delay) && r->clear_cancel_routine()) {
@@ -74,24 +77,27 @@ class IoTargetTest : public FrameworkTest
         };
     }
 
-    NTSTATUS open(const char16_t* name = u"\\Device\\Fake0")
+    NTSTATUS open(const char16_t* name = u"\\Device\\Fake0",
+                  PFN_WDF_IO_TARGET_QUERY_REMOVE query_remove = nullptr)
     {
         UNICODE_STRING path;
         RtlInitUnicodeString(&path, reinterpret_cast<PCWSTR>(name));
         WDF_IO_TARGET_OPEN_PARAMS params;
         WDF_IO_TARGET_OPEN_PARAMS_INIT_OPEN_BY_NAME(&params, &path, STANDARD_RIGHTS_ALL);
+        params.EvtIoTargetQueryRemove = query_remove;
         return WdfIoTargetOpen(target_, &params);
     }
 
-    // A synchronous read of 8 bytes; `timeout_ms` 0 sends without a timeout.
-    NTSTATUS read(ULONG timeout_ms, ULONG_PTR* bytes)
+    // A synchronous read of 8 bytes; with no `timeout_ms` it sends without the timeout
+    // option (a timeout of 0 sets the option with 0).
+    NTSTATUS read(std::optional<ULONG> timeout_ms, ULONG_PTR* bytes, ULONG flags = 0)
     {
         WDF_MEMORY_DESCRIPTOR d;
         WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&d, buffer_, sizeof buffer_);
         WDF_REQUEST_SEND_OPTIONS options;
-        WDF_REQUEST_SEND_OPTIONS_INIT(&options, WDF_REQUEST_SEND_OPTION_SYNCHRONOUS);
+        WDF_REQUEST_SEND_OPTIONS_INIT(&options, WDF_REQUEST_SEND_OPTION_SYNCHRONOUS | flags);
         if (timeout_ms) {
-            WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, WDF_REL_TIMEOUT_IN_MS(timeout_ms));
+            WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, WDF_REL_TIMEOUT_IN_MS(*timeout_ms));
         }
         return WdfIoTargetSendReadSynchronously(target_, nullptr, &d, nullptr, &options, bytes);
     }
@@ -108,7 +114,7 @@ TEST_F(IoTargetTest, TimeoutCancelsTheRequestAndCancelledBecomesIoTimeout)
         const char* name;
         sched::Nanos device_time;
         NTSTATUS on_cancel;
-        ULONG timeout_ms;
+        std::optional<ULONG> timeout_ms;
         NTSTATUS status;
         ULONG_PTR bytes;
         sched::Nanos elapsed;
@@ -118,8 +124,14 @@ TEST_F(IoTargetTest, TimeoutCancelsTheRequestAndCancelledBecomesIoTimeout)
         {"device ends otherwise on cancel", kNever, STATUS_TIMEOUT, 50, STATUS_TIMEOUT, 3,
          50 * kMs},
         {"completes in time", 10 * kMs, STATUS_CANCELLED, 50, STATUS_SUCCESS, 5, 10 * kMs},
-        {"no timeout waits as long as it takes", 2000 * kMs, STATUS_CANCELLED, 0, STATUS_SUCCESS, 5,
+        {"no timeout waits as long as it takes",
+         2000 * kMs,
+         STATUS_CANCELLED,
+         {},
+         STATUS_SUCCESS,
+         5,
          2000 * kMs},
+        {"a timeout of 0 is none", 2000 * kMs, STATUS_CANCELLED, 0, STATUS_SUCCESS, 5, 2000 * kMs},
     };
     ASSERT_EQ(open(), STATUS_SUCCESS);
     auto& s = sched::current();
@@ -144,19 +156,28 @@ TEST_F(IoTargetTest, StopCancelsWhatIsInFlightAndHoldsSendsUntilStartOrTimeout)
 
     complete_after(kNever, 0);
     NTSTATUS status = STATUS_PENDING;
-    auto reader = s.spawn("reader", [&] { status = read(0, &bytes); });
+    auto reader = s.spawn("reader", [&] { status = read({}, &bytes); });
     s.sleep_until(s.now() + kMs, "reader sends");
     ASSERT_EQ(status, STATUS_PENDING);
     WdfIoTargetStop(target_, WdfIoTargetCancelSentIo);
     EXPECT_EQ(status, STATUS_CANCELLED) << "ended before the stop returned, and not a timeout";
     EXPECT_EQ(bytes, 3u);
     s.join(reader);
+    // Stopping again cancels, and waits for, what was sent past the stopped state.
+    status = STATUS_PENDING;
+    reader = s.spawn(
+        "reader", [&] { status = read({}, &bytes, WDF_REQUEST_SEND_OPTION_IGNORE_TARGET_STATE); });
+    s.sleep_until(s.now() + kMs, "reader sends");
+    ASSERT_EQ(status, STATUS_PENDING);
+    WdfIoTargetStop(target_, WdfIoTargetCancelSentIo);
+    EXPECT_EQ(status, STATUS_CANCELLED);
+    s.join(reader);
 
     complete_after(0, 8);
     sched::Nanos start = s.now();
     EXPECT_EQ(read(30, &bytes), STATUS_IO_TIMEOUT) << "stopped until the timeout";
     EXPECT_EQ(s.now() - start, 30 * kMs);
-    EXPECT_EQ(device_->dispatched, 1) << "only the cancelled read went down";
+    EXPECT_EQ(device_->dispatched, 2) << "only the cancelled reads went down";
     auto starter = s.spawn("starter", [&] {
         s.sleep_until(s.now() + 20 * kMs, "start later");
         EXPECT_EQ(WdfIoTargetStart(target_), STATUS_SUCCESS);
@@ -174,7 +195,7 @@ TEST_F(IoTargetTest, StopCancelsWhatIsInFlightAndHoldsSendsUntilStartOrTimeout)
 TEST_F(IoTargetTest, InjectedFaultsFailSendsWithoutReachingTheDevice)
 {
     ASSERT_EQ(open(), STATUS_SUCCESS);
-    device_->serve = [](std::shared_ptr<io::IoRequest> r) { r->complete(STATUS_SUCCESS, 0); };
+    device_->serve = [](std::shared_ptr<io::Request> r) { r->complete(STATUS_SUCCESS, 0); };
     faults::add(faults::fail_control(IOCTL_SERIAL_SET_BAUD_RATE));
     faults::add(faults::fail_nth_send(2, faults::Op::Read, STATUS_DEVICE_NOT_READY));
     ULONG rate = 9600;
@@ -197,11 +218,82 @@ TEST_F(IoTargetTest, InjectedFaultsFailSendsWithoutReachingTheDevice)
         ULONG_PTR bytes;
         NTSTATUS status = c.code ? WdfIoTargetSendIoctlSynchronously(
                                        target_, nullptr, c.code, &input, nullptr, nullptr, &bytes)
-                                 : read(0, &bytes);
+                                 : read({}, &bytes);
         EXPECT_EQ(status, c.status);
         reached += NT_SUCCESS(status);
     }
     EXPECT_EQ(device_->dispatched, reached);
+}
+
+NTSTATUS VetoRemoval(WDFIOTARGET)
+{
+    return STATUS_UNSUCCESSFUL;
+}
+
+TEST_F(IoTargetTest, TheTargetHearsItsDevicesRemoval)
+{
+    enum class Then { Nothing, Cancel, Remove };
+    struct Case {
+        const char* name;
+        PFN_WDF_IO_TARGET_QUERY_REMOVE query_remove;
+        Then then;
+        NTSTATUS queried;
+        WDF_IO_TARGET_STATE state;
+        int opens;
+        NTSTATUS send;
+    };
+    const Case cases[] = {
+        {"query-remove closes it", nullptr, Then::Nothing, STATUS_SUCCESS,
+         WdfIoTargetClosedForQueryRemove, 0, STATUS_INVALID_DEVICE_STATE},
+        {"a cancelled removal opens it again", nullptr, Then::Cancel, STATUS_SUCCESS,
+         WdfIoTargetStarted, 1, STATUS_SUCCESS},
+        {"its driver vetoes", VetoRemoval, Then::Nothing, STATUS_UNSUCCESSFUL, WdfIoTargetStarted,
+         1, STATUS_SUCCESS},
+        {"remove-complete closes it for good", nullptr, Then::Remove, STATUS_SUCCESS,
+         WdfIoTargetDeleted, 0, STATUS_INVALID_DEVICE_STATE},
+    };
+    device_->serve = [](std::shared_ptr<io::Request> r) { r->complete(STATUS_SUCCESS, 0); };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        io::bind(u"\\Device\\Fake0", device_);
+        ASSERT_EQ(WdfIoTargetCreate(make_device(), WDF_NO_OBJECT_ATTRIBUTES, &target_),
+                  STATUS_SUCCESS);
+        ASSERT_EQ(open(u"\\Device\\Fake0", c.query_remove), STATUS_SUCCESS);
+        EXPECT_EQ(io::query_remove(u"\\Device\\Fake0"), c.queried);
+        if (c.then == Then::Cancel) {
+            io::cancel_remove(u"\\Device\\Fake0");
+        } else if (c.then == Then::Remove) {
+            io::remove(u"\\Device\\Fake0");
+            EXPECT_EQ(open(), STATUS_INVALID_DEVICE_STATE) << "never opened again";
+        }
+        EXPECT_EQ(WdfIoTargetGetState(target_), c.state);
+        EXPECT_EQ(device_->opens, c.opens);
+        ULONG_PTR bytes;
+        EXPECT_EQ(read(10, &bytes), c.send);
+        WdfObjectDelete(target_);
+    }
+}
+
+TEST_F(IoTargetTest, UnpluggingTheUartControllerEndsTheReadAndTheTarget)
+{
+    sim::uart::Wire wire;
+    auto controller = std::make_shared<sim::uart::SerialController>(wire.a());
+    io::bind(u"\\Device\\Uart0", controller);
+    ASSERT_EQ(open(u"\\Device\\Uart0"), STATUS_SUCCESS);
+    auto& s = sched::current();
+    NTSTATUS status = STATUS_PENDING;
+    ULONG_PTR bytes = 99;
+    auto reader = s.spawn("reader", [&] { status = read({}, &bytes); });
+    s.sleep_until(s.now() + 10 * kMs, "the read waits for bytes");
+    ASSERT_EQ(status, STATUS_PENDING);
+
+    io::remove(u"\\Device\\Uart0"); // a surprise: no query first
+    EXPECT_EQ(status, STATUS_CANCELLED) << "ended before the removal was complete";
+    EXPECT_EQ(bytes, 0u);
+    s.join(reader);
+    EXPECT_EQ(WdfIoTargetGetState(target_), WdfIoTargetDeleted);
+    EXPECT_EQ(read(10, &bytes), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(io::lookup(u"\\Device\\Uart0"), nullptr);
 }
 
 } // namespace

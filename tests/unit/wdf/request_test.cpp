@@ -8,19 +8,17 @@ namespace mvgps::wdf::test
 namespace
 {
 
-// The in-process "driver" keeps every request it is given, and acknowledges every stop.
-std::vector<WDFREQUEST> g_delivered;
-std::vector<ULONG> g_stop_actions;
+// The in-process "driver" keeps every request it is given.
+std::vector<WDFREQUEST> g_held;
 
-VOID OnDeviceControl(WDFQUEUE, WDFREQUEST request, size_t, size_t, ULONG)
+VOID Hold(WDFQUEUE, WDFREQUEST request, size_t, size_t, ULONG)
 {
-    g_delivered.push_back(request);
+    g_held.push_back(request);
 }
 
-VOID AcknowledgeStop(WDFQUEUE, WDFREQUEST request, ULONG action)
+VOID CompleteCancelled(WDFREQUEST request)
 {
-    g_stop_actions.push_back(action);
-    WdfRequestStopAcknowledge(request, FALSE);
+    WdfRequestComplete(request, STATUS_CANCELLED);
 }
 
 class RequestTest : public FrameworkTest
@@ -29,12 +27,33 @@ class RequestTest : public FrameworkTest
     void SetUp() override
     {
         FrameworkTest::SetUp();
-        g_delivered.clear();
-        g_stop_actions.clear();
+        g_held.clear();
         device_ = make_device();
     }
 
     Device* device() { return Objects::get<Device>(device_, Kind::Device, "test"); }
+
+    // A default queue that presents at most `presented` requests to Hold.
+    WDFQUEUE hold_queue(Device* device, WDF_TRI_STATE power_managed, ULONG presented)
+    {
+        WDF_IO_QUEUE_CONFIG config;
+        WDF_IO_QUEUE_CONFIG_INIT_DEFAULT_QUEUE(&config, WdfIoQueueDispatchParallel);
+        config.EvtIoDeviceControl = Hold;
+        config.PowerManaged = power_managed;
+        config.Settings.Parallel.NumberOfPresentedRequests = presented;
+        WDFQUEUE queue = nullptr;
+        EXPECT_EQ(WdfIoQueueCreate(static_cast<WDFDEVICE>(device->handle()), &config,
+                                   WDF_NO_OBJECT_ATTRIBUTES, &queue),
+                  STATUS_SUCCESS);
+        return queue;
+    }
+
+    static std::shared_ptr<io::Request> send(Device* device)
+    {
+        auto irp = io::Request::make(io::Major::DeviceControl, 0, {}, {});
+        device->dispatch(Request::incoming(device, irp));
+        return irp;
+    }
 
     WDFDEVICE device_ = nullptr;
 };
@@ -63,29 +82,52 @@ TEST_F(RequestTest, DriverRequestsAreReusedAndMemoryCopiesStayInBounds)
     EXPECT_EQ(WdfMemoryCopyToBuffer(memory, SIZE_MAX, bytes, 1), STATUS_BUFFER_TOO_SMALL);
 }
 
-TEST_F(RequestTest, AcknowledgedStopLetsTheDeviceLeaveD0WithARequestInHand)
+// Purge cancels the queued requests and the cancelable ones the driver holds, waits for the
+// driver to complete the others, and refuses what comes after.
+TEST_F(RequestTest, PurgeSynchronouslyCancelsWhatItCanAndWaitsForTheRest)
 {
-    WDF_IO_QUEUE_CONFIG config;
-    WDF_IO_QUEUE_CONFIG_INIT_DEFAULT_QUEUE(&config, WdfIoQueueDispatchParallel);
-    config.EvtIoDeviceControl = OnDeviceControl;
-    config.EvtIoStop = AcknowledgeStop;
-    ASSERT_EQ(WdfIoQueueCreate(device_, &config, WDF_NO_OBJECT_ATTRIBUTES, nullptr),
-              STATUS_SUCCESS);
-    ASSERT_EQ(device()->start({}), STATUS_SUCCESS);
-    NTSTATUS sent = STATUS_PENDING;
-    device()->dispatch(Request::incoming(device(), Major::DeviceControl, 0, {},
-                                         [&sent](NTSTATUS status, ULONG_PTR) { sent = status; }));
-    ASSERT_EQ(g_delivered.size(), 1u);
-
+    WDFQUEUE queue = hold_queue(device(), WdfFalse, 2);
+    auto cancelable = send(device());
+    auto held = send(device());
+    auto queued = send(device());
+    ASSERT_EQ(g_held.size(), 2u);
+    ASSERT_EQ(WdfRequestMarkCancelableEx(g_held[0], CompleteCancelled), STATUS_SUCCESS);
     auto& s = sched::current();
-    sched::Nanos before = s.now();
-    EXPECT_EQ(device()->set_power(PowerDeviceD3), STATUS_SUCCESS);
-    EXPECT_EQ(s.now(), before) << "no wait for the acknowledged request";
-    EXPECT_EQ(g_stop_actions, std::vector<ULONG>{WdfRequestStopActionSuspend});
-    EXPECT_EQ(device()->set_power(PowerDeviceD0), STATUS_SUCCESS);
-    WdfRequestComplete(g_delivered[0], STATUS_SUCCESS);
-    EXPECT_EQ(sent, STATUS_SUCCESS);
-    device()->remove(false);
+    auto driver = s.spawn("driver", [&s] {
+        s.sleep_until(s.now() + 50 * sched::kMillisecond, "work on the request");
+        WdfRequestComplete(g_held[1], STATUS_SUCCESS);
+    });
+    sched::Nanos start = s.now();
+    WdfIoQueuePurgeSynchronously(queue);
+    EXPECT_EQ(s.now() - start, 50 * sched::kMillisecond);
+    EXPECT_EQ(cancelable->status(), STATUS_CANCELLED);
+    EXPECT_EQ(held->status(), STATUS_SUCCESS);
+    EXPECT_EQ(queued->status(), STATUS_CANCELLED);
+    EXPECT_EQ(send(device())->status(), STATUS_INVALID_DEVICE_STATE);
+    s.join(driver);
+}
+
+// A child's queues are power-managed unless the driver says otherwise, like any other.
+TEST_F(RequestTest, QueuesOfEveryDeviceArePowerManagedByDefault)
+{
+    for (bool pdo : {false, true}) {
+        SCOPED_TRACE(pdo);
+        g_held.clear();
+        WDFDEVICE_INIT init;
+        init.driver = Objects::get<Driver>(driver_, Kind::Driver, "test");
+        init.pdo = pdo;
+        PWDFDEVICE_INIT record = &init;
+        WDFDEVICE handle = nullptr;
+        ASSERT_EQ(WdfDeviceCreate(&record, WDF_NO_OBJECT_ATTRIBUTES, &handle), STATUS_SUCCESS);
+        auto* device = Objects::get<Device>(handle, Kind::Device, "test");
+        hold_queue(device, WdfUseDefault, static_cast<ULONG>(-1));
+        send(device);
+        EXPECT_TRUE(g_held.empty()) << "held until the device is in D0";
+        ASSERT_EQ(device->start({}), STATUS_SUCCESS);
+        EXPECT_EQ(g_held.size(), 1u);
+        WdfRequestComplete(g_held[0], STATUS_SUCCESS);
+        device->remove();
+    }
 }
 
 int g_running, g_most_running, g_done;

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-namespace mvgps
+namespace mvgps::io
 {
 
 inline std::u16string fold(std::u16string_view name)
@@ -19,4 +19,4 @@ inline std::u16string fold(std::u16string_view name)
     return out;
 }
 
-} // namespace mvgps
+} // namespace mvgps::io
