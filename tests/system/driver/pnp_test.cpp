@@ -2,6 +2,7 @@
 // away cleanly in every way it can, and every log line also reaches event tracing.
 #include "driver_fixture.h"
 #include "driver_log.h"
+#include "io/names.h"
 #include "os/pool_tags.h"
 #include "wdf/faults.h"
 
@@ -142,6 +143,18 @@ TEST_F(DriverTest, SurpriseRemovalWithClientsOpen)
     // The read resources go with the later removal at the latest.
     remove();
     EXPECT_TRUE(logged_in_order({"FdoDevReleaseHardware", "---->FdoDevSelfManagedIoCleanup"}));
+}
+
+// The UART controller goes away under the running driver (a surprise: no query first): the
+// read ends, and the device still sleeps and goes away cleanly over the closed target.
+TEST_F(DriverTest, UartControllerRemovedUnderTheDriver)
+{
+    start_running();
+    io::remove(pnp::resource_hub_path(kUartId));
+    EXPECT_TRUE(wait_until([] { return logged("OsSetSignal Threadread_FinishSignal"); }));
+    ASSERT_EQ(stack().sleep(PowerDeviceD3), STATUS_SUCCESS);
+    EXPECT_EQ(ext().ReadThread, nullptr);
+    remove();
 }
 
 TEST_F(DriverTest, RemovalWithClientsStillOpen)
