@@ -43,6 +43,7 @@ void DriverTest::remove()
         serial_port_ = false;
     }
     pnp::unmap_resource_hub(kUartId);
+    holder_.reset();
     uart_.reset();
     chip_.reset();
 }
@@ -64,6 +65,9 @@ NTSTATUS DriverTest::start(const Node& node, std::uint32_t chip_rate)
     port.line = {chip_rate, {}};
     uart_ = std::make_shared<sim::uart::SerialController>(wire_.a(), port);
     pnp::map_resource_hub(kUartId, uart_);
+    if (node.uart_held) {
+        EXPECT_EQ(uart_->open({}, holder_), STATUS_SUCCESS);
+    }
     if (node.serial_port) {
         pnp::add_serial_port(kSerialPort, uart_);
         serial_port_ = true;

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "driver/driver.h"
+#include "io/names.h"
 #include "kernel/kernel.h"
 #include "pnp/client.h"
 #include "pnp/stack.h"
@@ -40,6 +41,7 @@ struct Node {
     std::optional<ULONG> baud_rate = 921600; // BaudRateIndex; none: the value is absent
     bool serial_port = false;                // the UART is also a serial-port interface
     bool chip_silent = false;                // the chip is powered off
+    bool uart_held = false;                  // another opener holds the UART
     ULONG log_mask = DEBUG_LOG_MASK_DEFAULT; // DebugLogMask from the image's load on
 };
 
@@ -85,6 +87,7 @@ class DriverTest : public testing::Test
     sim::uart::Wire wire_;
     std::unique_ptr<sim::chip::Chip> chip_;
     std::shared_ptr<sim::uart::SerialController> uart_;
+    std::unique_ptr<io::File> holder_; // another opener of the UART
     std::unique_ptr<pnp::DeviceStack> stack_;
     bool serial_port_ = false;
 };

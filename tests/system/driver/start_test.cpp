@@ -93,6 +93,16 @@ TEST_P(Resources, StartAsTheResourcesAllow)
 INSTANTIATE_TEST_SUITE_P(Driver, Resources, testing::ValuesIn(kResourceCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
+// The UART is opened exclusively: while another opener holds it, the start fails with the
+// open's status and leaves nothing behind.
+TEST_F(DriverTest, UartHeldElsewhereFailsTheStart)
+{
+    Node node;
+    node.uart_held = true;
+    EXPECT_EQ(start(node), STATUS_SHARING_VIOLATION);
+    EXPECT_TRUE(logged(" WdfIoTargetOpen failed: Status(0xc0000043)")) << log();
+}
+
 // Idle in S0 stays off whether or not the resources name a UART; only who may change it and
 // the power-up on system wake follow them.
 TEST_F(DriverTest, IdleStaysOffEitherWay)
