@@ -37,7 +37,8 @@ _IRQL_requires_max_(PASSIVE_LEVEL) VOID DebugLogStopTrace(VOID);
 VOID DebugLogTrace(ULONG Class, int Line, PCSTR Function, PCSTR Format, ...);
 
 // Prints under the name of the function that owns the message. Small helpers pass their
-// caller's name, so a line always carries the name an operator searches the log for.
+// caller's name, so a line always carries the name an operator searches the log for. The
+// arguments are evaluated once for each sink, so they must have no side effects.
 #define MvDbgPrintAs(Function, Class, ...)                                                         \
     do {                                                                                           \
         if (DbgClassEnabled(Class)) {                                                              \
