@@ -93,6 +93,7 @@ struct FdoExtension {
     OsSignal* DataFinishSignal;
     OsSignal* Threadread_FinishSignal;
     OsSignal* Threadprocess_FinishSignal;
+    PVOID ProcessThread; // the processing thread's object, kept as ReadThread is
     ULONG DownloadFail_flag;
 
     UCHAR ReadBuffer[FDO_READ_BUFFER_SIZE];

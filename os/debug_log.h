@@ -29,13 +29,22 @@ FORCEINLINE BOOLEAN DbgClassEnabled(ULONG Class)
     return (DebugLogMask & Class) != 0;
 }
 
+// Event tracing repeats every printed line as one string event of the driver's own
+// provider, keyword the line's class. The provider is registered for as long as the driver
+// object lives; a line is formatted for tracing only while a session listens.
+_IRQL_requires_max_(PASSIVE_LEVEL) VOID DebugLogStartTrace(VOID);
+_IRQL_requires_max_(PASSIVE_LEVEL) VOID DebugLogStopTrace(VOID);
+VOID DebugLogTrace(ULONG Class, int Line, PCSTR Function, PCSTR Format, ...);
+
 // Prints under the name of the function that owns the message. Small helpers pass their
-// caller's name, so a line always carries the name an operator searches the log for.
+// caller's name, so a line always carries the name an operator searches the log for. The
+// arguments are evaluated once for each sink, so they must have no side effects.
 #define MvDbgPrintAs(Function, Class, ...)                                                         \
     do {                                                                                           \
         if (DbgClassEnabled(Class)) {                                                              \
             DbgPrint("\n[MV_GPS](%4d)%-40.39s  ", __LINE__, Function);                             \
             DbgPrint(__VA_ARGS__);                                                                 \
+            DebugLogTrace(Class, __LINE__, Function, __VA_ARGS__);                                 \
         }                                                                                          \
     } while (0)
 

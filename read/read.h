@@ -27,9 +27,13 @@ _IRQL_requires_max_(DISPATCH_LEVEL) NTSTATUS
     UART_ProcessReadQueue(FdoExtension* Context, ULONG Kind, WDFQUEUE Queue,
                           volatile LONG* QueueCount, PLIST_ENTRY List, volatile LONG* ListCount);
 
-// The data queue, the transmit mutex and the read request with its memory. On failure
-// everything it made is released again.
+// The data queue, the transmit mutex and the read request with its memory. On failure the
+// caller releases them with UART_FreeReadResources, once the threads that use the rest of
+// what that frees have been stopped.
 _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS UART_AllocateReadResources(WDFDEVICE Device);
 // Drains both packet lists and releases the read resources, the acknowledgement buffer, the
 // signals and the mutex; what was never made is skipped. Both threads must have ended.
 _IRQL_requires_max_(PASSIVE_LEVEL) VOID UART_FreeReadResources(WDFDEVICE Device);
+// The four signals and the transmit mutex, each only if present, in their order of creation
+// with the mutex after the first signal. Both threads must have ended.
+_IRQL_requires_max_(PASSIVE_LEVEL) VOID UART_FreeSignals(FdoExtension* Context);

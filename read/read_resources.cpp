@@ -74,9 +74,6 @@ _Use_decl_annotations_ NTSTATUS UART_AllocateReadResources(WDFDEVICE Device)
     }
 
     MvDbgPrint(DBG_ERROR, "-UART_AllocateReadResources Status(0x%x)", status);
-    if (!NT_SUCCESS(status)) {
-        UART_FreeReadResources(Device);
-    }
     return status;
 }
 
@@ -104,12 +101,17 @@ _Use_decl_annotations_ VOID UART_FreeReadResources(WDFDEVICE Device)
         ext->AckBufferSize = 0;
     }
 
-    free_signal(&ext->DeviceAssocFinishSignal);
-    if (ext->hci_wr_mutex != NULL) {
-        OsFreeMutex(&ext->hci_wr_mutex);
-    }
-    free_signal(&ext->DataFinishSignal);
-    free_signal(&ext->Threadread_FinishSignal);
-    free_signal(&ext->Threadprocess_FinishSignal);
+    UART_FreeSignals(ext);
     MvDbgPrint(DBG_ERROR, "---FdoExtension");
+}
+
+_Use_decl_annotations_ VOID UART_FreeSignals(FdoExtension* Context)
+{
+    free_signal(&Context->DeviceAssocFinishSignal);
+    if (Context->hci_wr_mutex != NULL) {
+        OsFreeMutex(&Context->hci_wr_mutex);
+    }
+    free_signal(&Context->DataFinishSignal);
+    free_signal(&Context->Threadread_FinishSignal);
+    free_signal(&Context->Threadprocess_FinishSignal);
 }

@@ -41,3 +41,8 @@ _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS
 _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS
     HalReadFromDeviceSync(WDFIOTARGET IoTarget, WDFREQUEST Request, ULONG IoControlCode,
                           ULONG Length, PVOID Buffer, PULONG_PTR BytesRead, FdoExtension* Context);
+
+// Creates the UART target and opens it: by the Resource Hub id in UartConnectionId, or the
+// first serial-port interface when there is none. *IoTarget is written only on success; a
+// failed open leaves no target behind.
+_IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS FdoOpenDevice(WDFDEVICE Device, WDFIOTARGET* IoTarget);

@@ -625,6 +625,27 @@ ULONG DbgPrint(PCSTR Format, ...);
 ULONG DbgPrintEx(ULONG ComponentId, ULONG Level, PCSTR Format, ...);
 EXTERN_C_END
 
+// ---------------------------------------------------------------------------------------
+// Event tracing: a provider registered by GUID writes strings that a trace session records
+// ---------------------------------------------------------------------------------------
+typedef ULONGLONG REGHANDLE, *PREGHANDLE;
+typedef struct _EVENT_FILTER_DESCRIPTOR {
+    ULONGLONG Ptr;
+    ULONG Size;
+    ULONG Type;
+} EVENT_FILTER_DESCRIPTOR, *PEVENT_FILTER_DESCRIPTOR;
+typedef VOID(NTAPI* PETWENABLECALLBACK)(LPCGUID SourceId, ULONG ControlCode, UCHAR Level,
+                                        ULONGLONG MatchAnyKeyword, ULONGLONG MatchAllKeyword,
+                                        PEVENT_FILTER_DESCRIPTOR FilterData, PVOID CallbackContext);
+EXTERN_C_START
+NTKERNELAPI NTSTATUS NTAPI EtwRegister(LPCGUID ProviderId, PETWENABLECALLBACK EnableCallback,
+                                       PVOID CallbackContext, PREGHANDLE RegHandle);
+NTKERNELAPI NTSTATUS NTAPI EtwUnregister(REGHANDLE RegHandle);
+NTKERNELAPI BOOLEAN NTAPI EtwProviderEnabled(REGHANDLE RegHandle, UCHAR Level, ULONGLONG Keyword);
+NTKERNELAPI NTSTATUS NTAPI EtwWriteString(REGHANDLE RegHandle, UCHAR Level, ULONGLONG Keyword,
+                                          LPCGUID ActivityId, PCWSTR String);
+EXTERN_C_END
+
 #define DPFLTR_IHVDRIVER_ID 77
 #define DPFLTR_ERROR_LEVEL 0
 #define DPFLTR_TRACE_LEVEL 3

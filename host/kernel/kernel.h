@@ -87,6 +87,21 @@ inline void clear_pool_faults()
 std::string debug_output();
 void clear_debug_output();
 
+// ---- Event tracing -------------------------------------------------------------------------
+// A trace session for one provider: while it is on, the provider's EtwWriteString events are
+// recorded (the most recent few thousand) and EtwProviderEnabled answers TRUE.
+struct TraceEvent {
+    GUID provider;
+    UCHAR level;
+    ULONGLONG keyword;
+    std::string text; // the string as written, narrowed
+};
+void enable_trace(const GUID& provider, bool on);
+std::vector<TraceEvent> trace_events();
+void clear_trace_events();
+// Providers registered and not yet unregistered.
+std::size_t registered_providers();
+
 // ---- Device interfaces ---------------------------------------------------------------------
 // Symbolic links registered under an interface class, in registration order; this is what
 // IoGetDeviceInterfaces returns. Registering a link twice keeps one entry.

@@ -1,0 +1,194 @@
+#include "driver_fixture.h"
+
+#include <dlfcn.h>
+
+#include "host/wdf/faults.h"
+
+namespace mvgps::test
+{
+
+namespace
+{
+
+// The driver's provider of trace events, as its debug log registers it.
+constexpr GUID kTraceProvider = {
+    0x6B0E6E2D, 0x3F4A, 0x4C1B, {0x9E, 0x57, 0x2A, 0x8D, 0x5C, 0x7F, 0x1E, 0x93}};
+
+} // namespace
+
+DriverTest::DriverTest() : sched_(sched::make_from_env())
+{
+    kernel::clear_debug_output();
+    kernel::clear_trace_events();
+    kernel::enable_trace(kTraceProvider, true);
+}
+
+DriverTest::~DriverTest()
+{
+    remove();
+    kernel::enable_trace(kTraceProvider, false);
+    wdf::faults::clear();
+}
+
+void DriverTest::remove()
+{
+    if (stack_) {
+        stack_->remove();
+        stack_->unload();
+        stack_.reset();
+        EXPECT_EQ(kernel::registered_providers(), 0u) << "the trace provider outlived the driver";
+    }
+    if (serial_port_) {
+        pnp::remove_serial_port(kSerialPort);
+        serial_port_ = false;
+    }
+    pnp::unmap_resource_hub(kUartId);
+    holder_.reset();
+    uart_.reset();
+    chip_.reset();
+}
+
+NTSTATUS DriverTest::start(const Node& node, std::uint32_t chip_rate)
+{
+    remove();
+    if (chip_rate == 0) {
+        chip_rate = node.baud_rate.value_or(9600);
+    }
+    sim::chip::ChipConfig chip;
+    chip.rate = chip_rate;
+    chip.nmea_on = false;
+    chip_ = std::make_unique<sim::chip::Chip>(wire_.b(), chip);
+    if (node.chip_silent) {
+        chip_->set_power(false);
+    }
+    sim::uart::ControllerConfig port;
+    port.line = {chip_rate, {}};
+    uart_ = std::make_shared<sim::uart::SerialController>(wire_.a(), port);
+    pnp::map_resource_hub(kUartId, uart_);
+    if (node.uart_held) {
+        EXPECT_EQ(uart_->open({}, holder_), STATUS_SUCCESS);
+    }
+    if (node.serial_port) {
+        pnp::add_serial_port(kSerialPort, uart_);
+        serial_port_ = true;
+    }
+
+    pnp::NodeConfig config;
+    config.image = MVGPS_DRIVER_PATH;
+    config.resources = node.resources;
+    if (node.baud_rate) {
+        config.parameters[u"BaudRateIndex"] = *node.baud_rate;
+    }
+    stack_ = std::make_unique<pnp::DeviceStack>(config);
+    NTSTATUS status = stack_->load();
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    set_log_mask(node.log_mask);
+    status = stack_->add();
+    if (NT_SUCCESS(status)) {
+        status = stack_->start();
+    }
+    if (!NT_SUCCESS(status)) {
+        stack_->unload();
+    }
+    return status;
+}
+
+void DriverTest::start_running(const Node& node)
+{
+    ASSERT_EQ(start(node), STATUS_SUCCESS);
+    ASSERT_TRUE(stack_->wait_for_children(1, sched::current().now() + kSecond));
+}
+
+// The image stays the PnP manager's: a handle of our own would keep it mapped after unload.
+void* DriverTest::image_symbol(const char* name)
+{
+    void* image = dlopen(MVGPS_DRIVER_PATH, RTLD_NOW | RTLD_NOLOAD);
+    EXPECT_NE(image, nullptr);
+    void* symbol = image != nullptr ? dlsym(image, name) : nullptr;
+    if (image != nullptr) {
+        dlclose(image);
+    }
+    EXPECT_NE(symbol, nullptr) << name;
+    return symbol;
+}
+
+void DriverTest::set_log_mask(ULONG mask)
+{
+    *static_cast<ULONG*>(image_symbol("DebugLogMask")) = mask;
+}
+
+FdoExtension& DriverTest::ext()
+{
+    auto* type =
+        static_cast<PCWDF_OBJECT_CONTEXT_TYPE_INFO>(image_symbol("_WDF_FdoExtension_TYPE_INFO"));
+    EXPECT_NE(stack_->fdo(), nullptr);
+    return *static_cast<FdoExtension*>(
+        WdfObjectGetTypedContextWorker(stack_->fdo()->handle(), type));
+}
+
+std::unique_ptr<pnp::ClientHandle> DriverTest::open_parent()
+{
+    std::unique_ptr<pnp::ClientHandle> handle;
+    EXPECT_EQ(pnp::ClientHandle::open_device(stack_->fdo(), handle), STATUS_SUCCESS);
+    return handle;
+}
+
+std::unique_ptr<pnp::ClientHandle> DriverTest::open_child()
+{
+    std::unique_ptr<pnp::ClientHandle> handle;
+    std::vector<wdf::Device*> children = stack_->children();
+    EXPECT_EQ(children.size(), 1u);
+    if (!children.empty()) {
+        EXPECT_EQ(pnp::ClientHandle::open_device(children[0], handle), STATUS_SUCCESS);
+    }
+    return handle;
+}
+
+std::size_t DriverTest::count(const std::string& text)
+{
+    std::string all = log();
+    std::size_t n = 0;
+    for (std::size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) {
+        n++;
+    }
+    return n;
+}
+
+bool DriverTest::logged_in_order(const std::vector<std::string>& texts)
+{
+    std::string all = log();
+    std::size_t at = 0;
+    for (const std::string& t : texts) {
+        at = all.find(t, at);
+        if (at == std::string::npos) {
+            return false;
+        }
+        at += t.size();
+    }
+    return true;
+}
+
+bool DriverTest::wait_until(const std::function<bool()>& done)
+{
+    const sched::Nanos deadline = sched::current().now() + kSecond;
+    while (!done()) {
+        if (sched::current().now() >= deadline) {
+            return false;
+        }
+        run_for(kMillisecond);
+    }
+    return true;
+}
+
+std::size_t DriverTest::chip_heard(std::uint8_t pid, std::uint8_t sid) const
+{
+    std::size_t n = 0;
+    for (const sim::chip::TraceEntry& e : chip_->trace()) {
+        n += !e.sent && e.frame.pid == pid && e.frame.sid == sid;
+    }
+    return n;
+}
+
+} // namespace mvgps::test

@@ -1,0 +1,95 @@
+// The whole driver in the host: its image, loaded by the PnP manager for one device node
+// whose resources, Parameters and serial ports each test chooses, with the simulated chip at
+// the far end of the UART. Every test ends with the device removed and the image unloaded,
+// which stops the run on leaked pool, a request left pending or a thread still running in
+// the image.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "driver/driver.h"
+#include "host/io/names.h"
+#include "host/kernel/kernel.h"
+#include "host/pnp/client.h"
+#include "host/pnp/stack.h"
+#include "host/pnp/system.h"
+#include "host/sched/sched.h"
+#include "sim/chip/chip.h"
+#include "sim/uart/controller.h"
+#include "sim/uart/wire.h"
+#include "sim/testkit/client.h"
+
+namespace mvgps::test
+{
+
+using sched::kMillisecond;
+using sched::kSecond;
+
+// The Resource Hub id the simulated UART answers to, and a serial port's link.
+inline constexpr std::uint64_t kUartId = 0x0000000100000002ull;
+inline constexpr char16_t kSerialPort[] = u"\\DosDevices\\COM7";
+
+struct Node {
+    std::vector<CM_PARTIAL_RESOURCE_DESCRIPTOR> resources{pnp::uart_connection(kUartId)};
+    std::optional<ULONG> baud_rate = 921600; // BaudRateIndex; none: the value is absent
+    bool serial_port = false;                // the UART is also a serial-port interface
+    bool chip_silent = false;                // the chip is powered off
+    bool uart_held = false;                  // another opener holds the UART
+    ULONG log_mask = DEBUG_LOG_MASK_DEFAULT; // DebugLogMask from the image's load on
+};
+
+class DriverTest : public testing::Test
+{
+  protected:
+    DriverTest();
+    ~DriverTest() override;
+
+    // Builds the world at the chip's rate (the driver's, unless it sets none) and starts the
+    // device; the status is the start's.
+    NTSTATUS start(const Node& node = {}, std::uint32_t chip_rate = 0);
+    // Starts, expects success and waits for the child.
+    void start_running(const Node& node = {});
+    // Removes the device, unloads the driver and takes the world down.
+    void remove();
+
+    pnp::DeviceStack& stack() { return *stack_; }
+    sim::chip::Chip& chip() { return *chip_; }
+    sim::uart::SerialController& uart() { return *uart_; }
+    // The driver's context of the function device, found through the image's own type.
+    FdoExtension& ext();
+    // The image's DebugLogMask, as a debugger would patch it.
+    void set_log_mask(ULONG mask);
+    std::unique_ptr<pnp::ClientHandle> open_parent();
+    std::unique_ptr<pnp::ClientHandle> open_child();
+
+    static std::string log() { return kernel::debug_output(); }
+    static bool logged(const std::string& text) { return log().find(text) != std::string::npos; }
+    static std::size_t count(const std::string& text);
+    // Whether the lines appear in this order (not necessarily next to each other).
+    static bool logged_in_order(const std::vector<std::string>& texts);
+    // Frames the chip heard with this pid and sid, in order.
+    std::size_t chip_heard(std::uint8_t pid, std::uint8_t sid) const;
+    static void run_for(sched::Nanos d) { sim::testkit::run_for(d); }
+    // Lets the simulation run until the condition holds; false after a second without.
+    static bool wait_until(const std::function<bool()>& done);
+
+  private:
+    static void* image_symbol(const char* name);
+
+    sched::Install sched_;
+    sim::uart::Wire wire_;
+    std::unique_ptr<sim::chip::Chip> chip_;
+    std::shared_ptr<sim::uart::SerialController> uart_;
+    std::unique_ptr<io::File> holder_; // another opener of the UART
+    std::unique_ptr<pnp::DeviceStack> stack_;
+    bool serial_port_ = false;
+};
+
+} // namespace mvgps::test
