@@ -14,8 +14,11 @@ pnp::NodeConfig node(const DeviceConfig& c)
 {
     pnp::NodeConfig n;
     n.image = c.image;
-    n.parameters[u"BaudRateIndex"] = c.rate;
-    n.resources.push_back(pnp::uart_connection(c.connection_id));
+    if (!c.baud_rate_index_absent) {
+        n.parameters[u"BaudRateIndex"] = c.baud_rate_index.value_or(c.rate);
+    }
+    n.resources = c.resources.value_or(
+        std::vector<CM_PARTIAL_RESOURCE_DESCRIPTOR>{pnp::uart_connection(c.connection_id)});
     return n;
 }
 
@@ -43,6 +46,9 @@ HostedDevice::HostedDevice(DeviceConfig config, std::unique_ptr<uart::TtyLine> t
     if (!config_.uart_name.empty()) {
         io::bind(config_.uart_name, controller_);
     }
+    if (!config_.serial_port.empty()) {
+        pnp::add_serial_port(config_.serial_port, controller_);
+    }
     for (const verifier::FaultRule& rule : config_.faults) {
         verifier::add_fault(rule);
     }
@@ -53,6 +59,9 @@ HostedDevice::~HostedDevice()
 {
     stack_.reset();
     verifier::clear_faults();
+    if (!config_.serial_port.empty()) {
+        pnp::remove_serial_port(config_.serial_port);
+    }
     if (!config_.uart_name.empty()) {
         io::unbind(config_.uart_name);
     }

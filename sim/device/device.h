@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,13 @@ struct DeviceConfig {
     std::string capture; // the NMEA capture the simulated chip plays (none: its receiver model)
     std::string tty;     // a real serial port instead of the simulated wire and far end
     std::uint64_t connection_id = kUartConnectionId;
+    // The device node's connection resources; none: the UART's connection by its id.
+    std::optional<std::vector<CM_PARTIAL_RESOURCE_DESCRIPTOR>> resources;
+    // BaudRateIndex when it differs from the line's rate; absent from Parameters if so asked.
+    std::optional<std::uint32_t> baud_rate_index;
+    bool baud_rate_index_absent = false;
+    // Also offers the controller as a serial-port interface under this link.
+    std::u16string serial_port;
     // Also binds the controller under this device name, for a driver that opens it by name.
     std::u16string uart_name;
     // Armed before the device comes up; every rule is cleared when it goes.

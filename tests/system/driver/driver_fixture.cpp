@@ -32,65 +32,48 @@ DriverTest::~DriverTest()
 
 void DriverTest::remove()
 {
-    if (stack_) {
-        stack_->remove();
-        stack_->unload();
-        stack_.reset();
-        EXPECT_EQ(kernel::registered_providers(), 0u) << "the trace provider outlived the driver";
+    if (!device_) {
+        return;
     }
-    if (serial_port_) {
-        pnp::remove_serial_port(kSerialPort);
-        serial_port_ = false;
-    }
-    pnp::unmap_resource_hub(kUartId);
+    stack().remove();
+    stack().unload();
+    EXPECT_EQ(kernel::registered_providers(), 0u) << "the trace provider outlived the driver";
     holder_.reset();
-    uart_.reset();
-    chip_.reset();
+    device_.reset();
 }
 
 NTSTATUS DriverTest::start(const Node& node, std::uint32_t chip_rate)
 {
     remove();
-    if (chip_rate == 0) {
-        chip_rate = node.baud_rate.value_or(9600);
-    }
-    sim::chip::ChipConfig chip;
-    chip.rate = chip_rate;
-    chip.nmea_on = false;
-    chip_ = std::make_unique<sim::chip::Chip>(wire_.b(), chip);
-    if (node.chip_silent) {
-        chip_->set_power(false);
-    }
-    sim::uart::ControllerConfig port;
-    port.line = {chip_rate, {}};
-    uart_ = std::make_shared<sim::uart::SerialController>(wire_.a(), port);
-    pnp::map_resource_hub(kUartId, uart_);
-    if (node.uart_held) {
-        EXPECT_EQ(uart_->open({}, holder_), STATUS_SUCCESS);
-    }
+    sim::DeviceConfig config;
+    config.image = MVGPS_DRIVER_PATH;
+    config.rate = chip_rate != 0 ? chip_rate : node.baud_rate.value_or(9600);
+    config.resources = node.resources;
+    config.baud_rate_index = node.baud_rate;
+    config.baud_rate_index_absent = !node.baud_rate;
+    config.chip.nmea_on = false;
     if (node.serial_port) {
-        pnp::add_serial_port(kSerialPort, uart_);
-        serial_port_ = true;
+        config.serial_port = kSerialPort;
+    }
+    device_ = std::make_unique<sim::HostedDevice>(std::move(config));
+    if (node.chip_silent) {
+        chip().set_power(false);
+    }
+    if (node.uart_held) {
+        EXPECT_EQ(uart().open({}, holder_), STATUS_SUCCESS);
     }
 
-    pnp::NodeConfig config;
-    config.image = MVGPS_DRIVER_PATH;
-    config.resources = node.resources;
-    if (node.baud_rate) {
-        config.parameters[u"BaudRateIndex"] = *node.baud_rate;
-    }
-    stack_ = std::make_unique<pnp::DeviceStack>(config);
-    NTSTATUS status = stack_->load();
+    NTSTATUS status = stack().load();
     if (!NT_SUCCESS(status)) {
         return status;
     }
     set_log_mask(node.log_mask);
-    status = stack_->add();
+    status = stack().add();
     if (NT_SUCCESS(status)) {
-        status = stack_->start();
+        status = stack().start();
     }
     if (!NT_SUCCESS(status)) {
-        stack_->unload();
+        stack().unload();
     }
     return status;
 }
@@ -98,7 +81,7 @@ NTSTATUS DriverTest::start(const Node& node, std::uint32_t chip_rate)
 void DriverTest::start_running(const Node& node)
 {
     ASSERT_EQ(start(node), STATUS_SUCCESS);
-    ASSERT_TRUE(stack_->wait_for_children(1, sched::current().now() + kSecond));
+    ASSERT_TRUE(stack().wait_for_children(1, sched::current().now() + kSecond));
 }
 
 // The image stays the PnP manager's: a handle of our own would keep it mapped after unload.
@@ -123,22 +106,22 @@ FdoExtension& DriverTest::ext()
 {
     auto* type =
         static_cast<PCWDF_OBJECT_CONTEXT_TYPE_INFO>(image_symbol("_WDF_FdoExtension_TYPE_INFO"));
-    EXPECT_NE(stack_->fdo(), nullptr);
+    EXPECT_NE(stack().fdo(), nullptr);
     return *static_cast<FdoExtension*>(
-        WdfObjectGetTypedContextWorker(stack_->fdo()->handle(), type));
+        WdfObjectGetTypedContextWorker(stack().fdo()->handle(), type));
 }
 
 std::unique_ptr<pnp::ClientHandle> DriverTest::open_parent()
 {
     std::unique_ptr<pnp::ClientHandle> handle;
-    EXPECT_EQ(pnp::ClientHandle::open_device(stack_->fdo(), handle), STATUS_SUCCESS);
+    EXPECT_EQ(pnp::ClientHandle::open_device(stack().fdo(), handle), STATUS_SUCCESS);
     return handle;
 }
 
 std::unique_ptr<pnp::ClientHandle> DriverTest::open_child()
 {
     std::unique_ptr<pnp::ClientHandle> handle;
-    std::vector<wdf::Device*> children = stack_->children();
+    std::vector<wdf::Device*> children = stack().children();
     EXPECT_EQ(children.size(), 1u);
     if (!children.empty()) {
         EXPECT_EQ(pnp::ClientHandle::open_device(children[0], handle), STATUS_SUCCESS);
@@ -185,7 +168,7 @@ bool DriverTest::wait_until(const std::function<bool()>& done)
 std::size_t DriverTest::chip_heard(std::uint8_t pid, std::uint8_t sid) const
 {
     std::size_t n = 0;
-    for (const sim::chip::TraceEntry& e : chip_->trace()) {
+    for (const sim::chip::TraceEntry& e : device_->chip()->trace()) {
         n += !e.sent && e.frame.pid == pid && e.frame.sid == sid;
     }
     return n;

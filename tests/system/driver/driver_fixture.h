@@ -21,9 +21,7 @@
 #include "host/pnp/stack.h"
 #include "host/pnp/system.h"
 #include "host/sched/sched.h"
-#include "sim/chip/chip.h"
-#include "sim/uart/controller.h"
-#include "sim/uart/wire.h"
+#include "sim/device/device.h"
 #include "sim/testkit/client.h"
 
 namespace mvgps::test
@@ -33,7 +31,7 @@ using sched::kMillisecond;
 using sched::kSecond;
 
 // The Resource Hub id the simulated UART answers to, and a serial port's link.
-inline constexpr std::uint64_t kUartId = 0x0000000100000002ull;
+inline constexpr std::uint64_t kUartId = sim::kUartConnectionId;
 inline constexpr char16_t kSerialPort[] = u"\\DosDevices\\COM7";
 
 struct Node {
@@ -59,9 +57,9 @@ class DriverTest : public testing::Test
     // Removes the device, unloads the driver and takes the world down.
     void remove();
 
-    pnp::DeviceStack& stack() { return *stack_; }
-    sim::chip::Chip& chip() { return *chip_; }
-    sim::uart::SerialController& uart() { return *uart_; }
+    pnp::DeviceStack& stack() { return device_->stack(); }
+    sim::chip::Chip& chip() { return *device_->chip(); }
+    sim::uart::SerialController& uart() { return device_->controller(); }
     // The driver's context of the function device, found through the image's own type.
     FdoExtension& ext();
     // The image's DebugLogMask, as a debugger would patch it.
@@ -84,12 +82,8 @@ class DriverTest : public testing::Test
     static void* image_symbol(const char* name);
 
     sched::Install sched_;
-    sim::uart::Wire wire_;
-    std::unique_ptr<sim::chip::Chip> chip_;
-    std::shared_ptr<sim::uart::SerialController> uart_;
+    std::unique_ptr<sim::HostedDevice> device_;
     std::unique_ptr<io::File> holder_; // another opener of the UART
-    std::unique_ptr<pnp::DeviceStack> stack_;
-    bool serial_port_ = false;
 };
 
 } // namespace mvgps::test
