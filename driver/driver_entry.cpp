@@ -6,6 +6,7 @@
 
 #include "child/child.h"
 #include "control/control.h"
+#include "control/dispatch.h"
 #include "driver/lifecycle.h"
 
 #define BAUD_RATE_DEFAULT 9600
@@ -103,6 +104,8 @@ static NTSTATUS create_default_queue(WDFDEVICE device)
     WDF_IO_QUEUE_CONFIG config;
     WDF_IO_QUEUE_CONFIG_INIT_DEFAULT_QUEUE(&config, WdfIoQueueDispatchParallel);
     config.PowerManaged = WdfTrue;
+    config.EvtIoDeviceControl = FdoIoQuDeviceControl;
+    config.EvtIoStop = FdoIoQuStop;
     return WdfIoQueueCreate(device, &config, WDF_NO_OBJECT_ATTRIBUTES, WDF_NO_HANDLE);
 }
 

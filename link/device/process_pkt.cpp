@@ -73,9 +73,12 @@ static VOID complete_cmd_request(FdoExtension* ext, const UCHAR* frame, USHORT l
     MvDbgPrintAs(PROCESS_FN, DBG_ERROR, "request 0x%p", request);
     // A request is answered once: a repeated answer, or one that arrives after the request
     // path took the request back, finds the field cleared.
+    // A request its client is cancelling is left to the cancel routine.
     if (request != NULL) {
         WritePointerRelease((PVOID volatile*)&ext->CMD_Request, NULL);
-        answer_cmd_request(request, frame, len);
+        if (WdfRequestUnmarkCancelable(request) != STATUS_CANCELLED) {
+            answer_cmd_request(request, frame, len);
+        }
     }
     KeReleaseSpinLock(&ext->PacketLock, irql);
 }

@@ -45,6 +45,8 @@ inline const std::set<std::string>& driver_routines()
         // child device
         "DeviceEnablePDOWorker", "AddChild", "FdoEvtDeviceListCreatePdo", "PdoCreateDynamic",
         "PdoIoQuDeviceControl",
+        // control dispatch
+        "FdoIoQuDeviceControl",
         // the data-path test driver's stand-in for the lifecycle code's stop
         "DataPathReleaseHardware"};
     return names;

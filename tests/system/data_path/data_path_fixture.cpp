@@ -134,11 +134,11 @@ bool DataPath::wait_until(const std::function<bool()>& done, sched::Nanos timeou
     return true;
 }
 
-std::vector<Frame> DataPath::chip_received(std::uint8_t pid) const
+std::vector<Frame> DataPath::chip_received(int pid) const
 {
     std::vector<Frame> frames;
     for (const sim::chip::TraceEntry& e : device_->chip()->trace()) {
-        if (!e.sent && e.frame.pid == pid) {
+        if (!e.sent && (pid < 0 || e.frame.pid == pid)) {
             frames.push_back(e.frame);
         }
     }

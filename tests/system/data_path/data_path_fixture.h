@@ -95,8 +95,8 @@ class DataPath : public testing::Test
     static std::string log() { return kernel::debug_output(); }
     static bool logged(const char* text) { return log().find(text) != std::string::npos; }
     static bool simulated() { return sched::current().mode() == sched::Mode::Simulated; }
-    // Frames the chip received with this pid, in order.
-    std::vector<Frame> chip_received(std::uint8_t pid) const;
+    // Frames the chip received with this pid (any pid when negative), in order.
+    std::vector<Frame> chip_received(int pid = -1) const;
     // Whether a read thread has signalled its end since the device came up.
     static bool read_thread_ended() { return logged("OsSetSignal Threadread_FinishSignal"); }
 

@@ -116,6 +116,7 @@ void raw_command_answered_twice(LogLines& t)
     auto cmd = t.send_cmd(0x22, 5, 64);
     EXPECT_TRUE(cmd->wait(t.now() + 100 * kMillisecond));
     t.run_for(50 * kMillisecond);
+    EXPECT_EQ(cmd->status(), STATUS_SUCCESS);
 }
 
 void serial_refusals(LogLines& t)

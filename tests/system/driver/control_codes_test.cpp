@@ -1,0 +1,335 @@
+// The control codes as a GPS client sends them to the bus device: results, information
+// counts and outputs, the two status flags, reads and raw commands completed by the chip,
+// the baud-rate follow-up, malformed records, and a raw command that is never answered.
+#include <cstring>
+
+#include "control/control.h"
+#include "control/gps.h"
+#include "driver_fixture.h"
+#include "host/wdf/faults.h"
+#include "link/codec/hci.h"
+#include "sim/chip/faults.h"
+
+namespace mvgps::test
+{
+namespace
+{
+
+using Bytes = std::vector<std::uint8_t>;
+constexpr USHORT kFenceId = 0x1234;
+
+// A command record: header, then the payload.
+Bytes command(std::uint8_t pid, std::uint8_t sid, const Bytes& payload)
+{
+    Bytes r{0xA5,
+            0,
+            static_cast<std::uint8_t>(7 + payload.size()),
+            pid,
+            sid,
+            static_cast<std::uint8_t>(payload.size() >> 8),
+            static_cast<std::uint8_t>(payload.size())};
+    r.insert(r.end(), payload.begin(), payload.end());
+    return r;
+}
+
+template <typename T>
+Bytes bytes_of(const T& record)
+{
+    Bytes b(sizeof(T));
+    std::memcpy(b.data(), &record, sizeof(T));
+    return b;
+}
+
+Bytes fence_record(USHORT length = sizeof(GEOFENCE_PAYLOAD))
+{
+    GPS_GEOFENCE_RECORD r{};
+    r.AnswerId = kFenceId;
+    r.Pid = GPS_GEOFENCE_PID;
+    r.Sid = 0;
+    r.Length = length;
+    r.Field1 = kFenceId;
+    r.Field2 = 481173000;
+    r.Field3 = 115166000;
+    r.Field4 = 100;
+    r.Field5 = 2;
+    r.Field6 = 1;
+    r.Field7 = 1000;
+    return bytes_of(r);
+}
+
+Bytes fence_query(USHORT id, USHORT length = 4)
+{
+    GPS_GEOFENCE_CMD_RECORD r{kFenceId,
+                              GPS_GEOFENCE_PID,
+                              4,
+                              length,
+                              {static_cast<UCHAR>(id), static_cast<UCHAR>(id >> 8), 0, 0}};
+    return bytes_of(r);
+}
+
+Bytes le32(std::uint32_t v)
+{
+    return {static_cast<std::uint8_t>(v), static_cast<std::uint8_t>(v >> 8),
+            static_cast<std::uint8_t>(v >> 16), static_cast<std::uint8_t>(v >> 24)};
+}
+
+struct Call {
+    const char* name;
+    ULONG code;
+    Bytes input;
+    std::size_t out_length;
+    NTSTATUS status;
+    ULONG_PTR information = 0;
+    Bytes output = {};
+};
+
+class ControlCodes : public DriverTest
+{
+  protected:
+    void SetUp() override
+    {
+        start_running();
+        client_ = open_parent();
+    }
+    void TearDown() override
+    {
+        client_.reset();
+        remove();
+    }
+    void expect(const Call& c)
+    {
+        Bytes out(c.out_length);
+        ULONG_PTR returned = 0;
+        EXPECT_EQ(client_->ioctl(c.code, c.input, out, &returned), c.status) << c.name;
+        EXPECT_EQ(returned, c.information) << c.name;
+        if (!c.output.empty()) {
+            EXPECT_EQ(Bytes(out.begin(), out.begin() + c.output.size()), c.output) << c.name;
+        }
+    }
+    void expect_all(const std::vector<Call>& calls)
+    {
+        for (const Call& c : calls) {
+            expect(c);
+        }
+    }
+    std::shared_ptr<pnp::PendingIo> raw(ULONG code, const Bytes& record, std::size_t out = 64)
+    {
+        return client_->ioctl_async(code, record, out);
+    }
+    std::unique_ptr<pnp::ClientHandle> client_;
+};
+
+TEST_F(ControlCodes, EveryCodeFromAClient)
+{
+    GPS_AGPS_RECORD nothing_valid{};
+    expect_all({
+        {"download_flag_before_wake",
+         IOCTL_VC_GPS_GET_DOWNLOAD_FLAG,
+         {},
+         1,
+         STATUS_SUCCESS,
+         1,
+         {1}},
+        {"sleep_status_awake",
+         IOCTL_VC_GPS_GET_SLEEP_STATUS,
+         {},
+         4,
+         STATUS_SUCCESS,
+         1,
+         {0, 0, 0, 0}},
+        {"enable_nmea", IOCTL_VC_GPS_ENABLE_NMEA, {}, 0, STATUS_SUCCESS},
+        {"disable_nmea", IOCTL_VC_GPS_DISABLE_NMEA, {}, 0, STATUS_SUCCESS},
+        {"nmea_off", IOCTL_VC_GPS_NMEA_OFF, {}, 0, STATUS_SUCCESS},
+        {"startup", IOCTL_VC_GPS_STARTUP, {}, 0, STATUS_SUCCESS},
+        {"agps_empty", IOCTL_VC_GPS_AGPS_DATA, {}, 0, STATUS_SUCCESS},
+        {"agps_nothing_valid", IOCTL_VC_GPS_AGPS_DATA, bytes_of(nothing_valid), 0, STATUS_SUCCESS},
+        {"feature_off", IOCTL_VC_GPS_FEATURE_OFF, {}, 0, STATUS_SUCCESS},
+        {"geofence_add", IOCTL_VC_GPS_GEOFENCE_SET, fence_record(), 0, STATUS_SUCCESS},
+        {"geofence_add_again", IOCTL_VC_GPS_GEOFENCE_SET, fence_record(), 0, STATUS_UNSUCCESSFUL},
+        {"geofence_query", IOCTL_VC_GPS_GEOFENCE_CMD, fence_query(kFenceId), 0, STATUS_SUCCESS},
+        {"geofence_query_unknown", IOCTL_VC_GPS_GEOFENCE_CMD, fence_query(0x9999), 0,
+         STATUS_UNSUCCESSFUL},
+        {"geofence_empty", IOCTL_VC_GPS_GEOFENCE_SET, {}, 0, STATUS_SUCCESS},
+        {"raw_empty", IOCTL_VC_SET_LOG_GPS_SENDCMD, {}, 0, STATUS_SUCCESS},
+        {"raw_ack_empty", IOCTL_VC_GPS_SENDCMD_ACK, {}, 0, STATUS_SUCCESS},
+    });
+    EXPECT_EQ(chip().state().geofences.size(), 1u);
+    EXPECT_EQ(count("-FdoIoQuDeviceControl"), 9u) << "geofence and status reads log no end";
+}
+
+TEST_F(ControlCodes, DownloadFlagFallsOnceAndSleepStatusFollowsSleepAndWake)
+{
+    const Bytes asleep{1, 0, 0, 0}, awake{0, 0, 0, 0};
+    expect_all({
+        {"sleep", IOCTL_VC_GPS_SLEEP, {}, 0, STATUS_SUCCESS},
+        {"sleep_again", IOCTL_VC_GPS_SLEEP, {}, 0, STATUS_SUCCESS},
+        {"asleep", IOCTL_VC_GPS_GET_SLEEP_STATUS, {}, 4, STATUS_SUCCESS, 1, asleep},
+        {"still_one", IOCTL_VC_GPS_GET_DOWNLOAD_FLAG, {}, 1, STATUS_SUCCESS, 1, {1}},
+        {"wake", IOCTL_VC_GPS_WAKEUP, {}, 0, STATUS_SUCCESS},
+        {"awake", IOCTL_VC_GPS_GET_SLEEP_STATUS, {}, 4, STATUS_SUCCESS, 1, awake},
+        {"fallen", IOCTL_VC_GPS_GET_DOWNLOAD_FLAG, {}, 1, STATUS_SUCCESS, 1, {0}},
+        {"wake_again", IOCTL_VC_GPS_WAKEUP, {}, 0, STATUS_SUCCESS},
+        {"stays_fallen", IOCTL_VC_GPS_GET_DOWNLOAD_FLAG, {}, 1, STATUS_SUCCESS, 1, {0}},
+    });
+    EXPECT_EQ(count("sleep Suceed!"), 1u);
+    EXPECT_EQ(count("wakeup Suceed!"), 2u);
+    // Each wake-up re-ran the chip's start-up.
+    EXPECT_GE(chip_heard(HCI_PID_NMEA, 2), 3u); // resends count too in real time
+}
+
+TEST_F(ControlCodes, ReadCompletesWithHeaderAndFrameAndSleepCancelsAWaitingOne)
+{
+    auto read = raw(IOCTL_VC_GPS_START_READ, {}, 512);
+    ASSERT_TRUE(read->wait(sched::current().now() + 5 * kSecond));
+    ASSERT_EQ(read->status(), STATUS_SUCCESS);
+    auto out = read->output();
+    ASSERT_GE(read->information(), 16u + 7u);
+    EXPECT_EQ(out[0], 3);
+    std::uint32_t length;
+    std::memcpy(&length, &out[4], 4);
+    EXPECT_EQ(read->information(), 16u + length);
+    EXPECT_EQ(out[8], 1);
+    EXPECT_EQ(out[12], 2);
+    EXPECT_EQ(out[16], 0xA5);
+
+    // A silent chip: reads take what is still queued until one waits.
+    chip().set_power(false);
+    std::shared_ptr<pnp::PendingIo> waiting;
+    for (int i = 0; i < 10 && (!waiting || waiting->done()); i++) {
+        waiting = raw(IOCTL_VC_GPS_START_READ, {}, 512);
+        run_for(50 * kMillisecond);
+    }
+    ASSERT_FALSE(waiting->done());
+    expect({"sleep", IOCTL_VC_GPS_SLEEP, {}, 0, STATUS_SUCCESS});
+    ASSERT_TRUE(waiting->wait(sched::current().now() + 5 * kSecond));
+    EXPECT_EQ(waiting->status(), STATUS_CANCELLED);
+}
+
+TEST_F(ControlCodes, RawCommandsCompleteWithTheirAnswer)
+{
+    for (ULONG code : {IOCTL_VC_SET_LOG_GPS_SENDCMD, IOCTL_VC_GPS_SENDCMD_ACK}) {
+        auto pending = raw(code, command(0x22, GPS_SID_OUTPUT_OPTION, {0}));
+        ASSERT_TRUE(pending->wait(sched::current().now() + 5 * kSecond)) << code;
+        EXPECT_EQ(pending->status(), STATUS_SUCCESS);
+        auto out = pending->output();
+        ASSERT_GE(pending->information(), 8u);
+        EXPECT_EQ(out[0], 0xA5);
+        EXPECT_EQ(out[3], 0x22);
+        EXPECT_EQ(out[4], GPS_SID_OUTPUT_OPTION);
+        EXPECT_EQ(ext().CMD_Request, nullptr);
+    }
+    EXPECT_EQ(chip_heard(0x22, GPS_SID_OUTPUT_OPTION), 2u);
+    EXPECT_EQ(count("send CMD OK!"), 1u);
+}
+
+TEST_F(ControlCodes, BaudRateFollowsOnlyTheRateCommand)
+{
+    struct Case {
+        std::uint8_t sid;
+        bool follows;
+    };
+    for (Case c : {Case{1, false}, Case{0, true}}) {
+        kernel::clear_debug_output();
+        auto pending = raw(IOCTL_VC_SET_LOG_GPS_SENDCMD,
+                           command(GPS_COMMAND_PID_BAUD_RATE, c.sid, le32(115200)));
+        ASSERT_TRUE(wait_until([&] { return logged("send CMD OK!"); }));
+        run_for(200 * kMillisecond);
+        EXPECT_EQ(logged("change_baudrate to 115200 success."), c.follows) << log();
+        pending->cancel();
+        ASSERT_TRUE(pending->wait(sched::current().now() + 5 * kSecond));
+    }
+    EXPECT_EQ(chip().rate(), 115200u);
+}
+
+TEST_F(ControlCodes, FailedRawSendsAndUnknownCodes)
+{
+    wdf::faults::add(wdf::faults::fail_nth_send(1, wdf::faults::Op::Write));
+    expect({"no_ack_send_fails", IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, 5, {0}), 64,
+            STATUS_UNSUCCESSFUL});
+    EXPECT_TRUE(logged("send CMD Wrong!"));
+    EXPECT_EQ(ext().CMD_Request, nullptr);
+    wdf::faults::add(wdf::faults::fail_nth_send(1, wdf::faults::Op::Write));
+    expect({"ack_send_fails", IOCTL_VC_GPS_SENDCMD_ACK, command(0x22, 5, {0}), 64, STATUS_SUCCESS});
+    EXPECT_EQ(ext().CMD_Request, nullptr);
+    wdf::faults::clear();
+
+    for (ULONG code : {0x222864u, 0x22286Cu, 0x222870u, 0x222800u}) {
+        expect({"unknown", code, {}, 0, STATUS_NOT_SUPPORTED});
+    }
+    EXPECT_TRUE(logged_in_order({" IOCTL_(0x222864, Func 2585)", " IOCTL_(0x22286c, Func 2587)",
+                                 " IOCTL_(0x222870, Func 2588)", " IOCTL_(0x222800, Func 2560)"}))
+        << log();
+}
+
+TEST_F(ControlCodes, MalformedRecordsAreRefusedUnsent)
+{
+    Bytes short_payload = command(0x22, 5, {0, 0, 0});
+    short_payload.pop_back();
+    Bytes fence_short = fence_record();
+    fence_short.pop_back();
+    Bytes query_short = fence_query(kFenceId);
+    query_short.pop_back();
+    const std::uint64_t heard = chip().stats().frames_received;
+    expect_all({
+        {"raw_header_cut",
+         IOCTL_VC_SET_LOG_GPS_SENDCMD,
+         {0xA5, 0, 7, 0x22, 5},
+         64,
+         STATUS_INVALID_PARAMETER},
+        {"raw_payload_cut", IOCTL_VC_SET_LOG_GPS_SENDCMD, short_payload, 64,
+         STATUS_INVALID_PARAMETER},
+        {"ack_payload_cut", IOCTL_VC_GPS_SENDCMD_ACK, short_payload, 64, STATUS_INVALID_PARAMETER},
+        {"agps_cut", IOCTL_VC_GPS_AGPS_DATA, Bytes(sizeof(GPS_AGPS_RECORD) - 1), 0,
+         STATUS_INVALID_PARAMETER},
+        {"fence_cut", IOCTL_VC_GPS_GEOFENCE_SET, fence_short, 0, STATUS_INVALID_PARAMETER},
+        {"fence_too_long", IOCTL_VC_GPS_GEOFENCE_SET, fence_record(37), 0,
+         STATUS_INVALID_PARAMETER},
+        {"query_cut", IOCTL_VC_GPS_GEOFENCE_CMD, query_short, 0, STATUS_INVALID_PARAMETER},
+        {"query_too_long", IOCTL_VC_GPS_GEOFENCE_CMD, fence_query(kFenceId, 5), 0,
+         STATUS_INVALID_PARAMETER},
+        {"download_flag_no_room", IOCTL_VC_GPS_GET_DOWNLOAD_FLAG, {}, 0, STATUS_BUFFER_TOO_SMALL},
+        {"sleep_status_no_room", IOCTL_VC_GPS_GET_SLEEP_STATUS, {}, 3, STATUS_BUFFER_TOO_SMALL},
+    });
+    EXPECT_EQ(chip().stats().frames_received, heard);
+    EXPECT_EQ(ext().CMD_Request, nullptr);
+    EXPECT_EQ(count("Failed to get output buffer"), 2u);
+}
+
+TEST_F(ControlCodes, UnansweredRawCommandIsCancelledByItsClient)
+{
+    chip().inject(sim::chip::Fault::no_ack(2, 0x22, 5));
+    auto cancelled = raw(IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, 5, {0}));
+    ASSERT_TRUE(wait_until([&] { return logged("send CMD OK!"); }));
+    run_for(100 * kMillisecond);
+    EXPECT_FALSE(cancelled->done());
+    cancelled->cancel();
+    ASSERT_TRUE(cancelled->wait(sched::current().now() + 5 * kSecond));
+    EXPECT_EQ(cancelled->status(), STATUS_CANCELLED);
+    EXPECT_EQ(ext().CMD_Request, nullptr);
+
+    auto closed = raw(IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, 5, {0}));
+    run_for(100 * kMillisecond);
+    client_->close();
+    ASSERT_TRUE(closed->wait(sched::current().now() + 5 * kSecond));
+    EXPECT_EQ(closed->status(), STATUS_CANCELLED);
+    EXPECT_EQ(ext().CMD_Request, nullptr);
+}
+
+// Without the stop callback the sleep would wait for the answer until the power watchdog
+// stopped the system; with it the device sleeps, and removal ends the request.
+TEST_F(ControlCodes, SleepAndRemovalWithAnUnansweredRawCommand)
+{
+    chip().inject(sim::chip::Fault::no_ack(1, 0x22, 5));
+    auto pending = raw(IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, 5, {0}));
+    ASSERT_TRUE(wait_until([&] { return logged("send CMD OK!"); }));
+    ASSERT_EQ(stack().sleep(PowerDeviceD3), STATUS_SUCCESS);
+    EXPECT_FALSE(pending->done());
+    ASSERT_EQ(stack().wake(), STATUS_SUCCESS);
+    EXPECT_FALSE(pending->done());
+    stack().surprise_remove();
+    ASSERT_TRUE(pending->wait(sched::current().now() + 5 * kSecond));
+    EXPECT_EQ(pending->status(), STATUS_CANCELLED);
+}
+
+} // namespace
+} // namespace mvgps::test
