@@ -41,8 +41,9 @@ _Use_decl_annotations_ NTSTATUS UART_AllocateReadResources(WDFDEVICE Device)
     } else {
         MvDbgPrint(DBG_ERROR, "not +IsListEmpty!!!!!!!!!!!!!");
     }
-    ext->ReadDataCount = 0;
-    ext->ReadEventCount = 0;
+    // The processing thread already runs and counts with interlocked operations.
+    InterlockedExchange(&ext->ReadDataCount, 0);
+    InterlockedExchange(&ext->ReadEventCount, 0);
 
     NTSTATUS status = WdfIoQueueCreate(Device, &config, WDF_NO_OBJECT_ATTRIBUTES, &ext->DataQueue);
     if (!NT_SUCCESS(status)) {

