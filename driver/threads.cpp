@@ -3,17 +3,6 @@
 #include "driver/lifecycle.h"
 #include "read/read.h"
 
-// A thread may still be on its way out of the driver's code after setting its finish
-// signal; waiting for the thread object itself closes that gap.
-static VOID await_thread(PVOID* Thread)
-{
-    if (*Thread != NULL) {
-        (VOID) KeWaitForSingleObject(*Thread, Executive, KernelMode, FALSE, NULL);
-        ObDereferenceObject(*Thread);
-        *Thread = NULL;
-    }
-}
-
 static VOID clear_run_flags(FdoExtension* ext)
 {
     WriteULongRelease(&ext->Threadread_flag, 0);
@@ -23,8 +12,8 @@ static VOID clear_run_flags(FdoExtension* ext)
 _Use_decl_annotations_ NTSTATUS FdoStartThreads(FdoExtension* Context, PCSTR Function)
 {
     // A read thread that ended on its own (a silent line) is collected before its successor.
-    await_thread(&Context->ReadThread);
-    await_thread(&Context->ProcessThread);
+    OsWaitForThread(&Context->ReadThread);
+    OsWaitForThread(&Context->ProcessThread);
 
     WriteULongRelease(&Context->Thread_flag, 1);
     WriteULongRelease(&Context->Threadread_flag, 1);
@@ -43,7 +32,7 @@ _Use_decl_annotations_ NTSTATUS FdoStartThreads(FdoExtension* Context, PCSTR Fun
         WriteULongRelease(&Context->Threadread_flag, 0);
         (VOID) OsWaitForSignal(Context->Threadread_FinishSignal, 0);
         OsClearSignal(Context->Threadread_FinishSignal);
-        await_thread(&Context->ReadThread);
+        OsWaitForThread(&Context->ReadThread);
         clear_run_flags(Context);
         return status;
     }
@@ -68,7 +57,7 @@ _Use_decl_annotations_ VOID FdoStopThreads(FdoExtension* Context, BOOLEAN ClearS
     if (ClearSignals) {
         OsClearSignal(Context->Threadread_FinishSignal);
     }
-    await_thread(&Context->ReadThread);
+    OsWaitForThread(&Context->ReadThread);
 
     WriteULongRelease(&Context->Thread_flag, 0);
     MvDbgPrintAs(Function, DBG_ERROR, "Thread_flag is NULL");
@@ -78,5 +67,5 @@ _Use_decl_annotations_ VOID FdoStopThreads(FdoExtension* Context, BOOLEAN ClearS
     if (ClearSignals) {
         OsClearSignal(Context->Threadprocess_FinishSignal);
     }
-    await_thread(&Context->ProcessThread);
+    OsWaitForThread(&Context->ProcessThread);
 }

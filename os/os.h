@@ -72,4 +72,7 @@ _IRQL_requires_max_(DISPATCH_LEVEL) VOID OsFreeSignal(OsSignal** Signal);
 _IRQL_requires_max_(PASSIVE_LEVEL) NTSTATUS
     OsCreateThread(PKSTART_ROUTINE StartRoutine, PVOID Context, KPRIORITY Priority,
                    PVOID* ThreadObject);
+// Waits until the thread has left the driver's code (a finish signal comes just before it
+// does), then releases the object and clears *ThreadObject. Nothing to do when it is NULL.
+_IRQL_requires_max_(PASSIVE_LEVEL) VOID OsWaitForThread(PVOID* ThreadObject);
 _IRQL_requires_max_(PASSIVE_LEVEL) VOID OsDelay(ULONG Milliseconds);

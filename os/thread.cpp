@@ -25,6 +25,16 @@ _Use_decl_annotations_ NTSTATUS OsCreateThread(PKSTART_ROUTINE StartRoutine, PVO
     return status;
 }
 
+_Use_decl_annotations_ VOID OsWaitForThread(PVOID* ThreadObject)
+{
+    if (*ThreadObject == NULL) {
+        return;
+    }
+    (VOID) KeWaitForSingleObject(*ThreadObject, Executive, KernelMode, FALSE, NULL);
+    ObDereferenceObject(*ThreadObject);
+    *ThreadObject = NULL;
+}
+
 _Use_decl_annotations_ VOID OsDelay(ULONG Milliseconds)
 {
     LARGE_INTEGER interval;

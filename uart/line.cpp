@@ -27,9 +27,7 @@ static VOID await_read_thread(FdoExtension* Context)
     }
     (VOID) OsWaitForSignal(Context->Threadread_FinishSignal, 0);
     OsClearSignal(Context->Threadread_FinishSignal);
-    (VOID) KeWaitForSingleObject(Context->ReadThread, Executive, KernelMode, FALSE, NULL);
-    ObDereferenceObject(Context->ReadThread);
-    Context->ReadThread = NULL;
+    OsWaitForThread(&Context->ReadThread);
 }
 
 // Frames received at the old rate go with it. They are taken off under PacketLock, which

@@ -31,15 +31,6 @@ static FdoExtension* DataPathExtension()
     return g_Extension;
 }
 
-static VOID AwaitThread(PVOID* thread)
-{
-    if (*thread != NULL) {
-        (VOID) KeWaitForSingleObject(*thread, Executive, KernelMode, FALSE, NULL);
-        ObDereferenceObject(*thread);
-        *thread = NULL;
-    }
-}
-
 // In the order of the table's fields.
 static const DATA_PATH_OPS g_Ops = {
     DataPathExtension,    xfer_hci_pkt_core,     hci_write_mem_core,  hci_read_mem_core,
@@ -183,7 +174,7 @@ static NTSTATUS DataPathReleaseHardware(WDFDEVICE Device, WDFCMRESLIST Translate
             OsClearSignal(ext->Threadread_FinishSignal);
         }
     }
-    AwaitThread(&ext->ReadThread);
+    OsWaitForThread(&ext->ReadThread);
     if (ReadULongAcquire(&ext->Thread_flag) == 1) {
         WriteULongRelease(&ext->Thread_flag, 0);
         MvDbgPrint(DBG_ERROR, "Thread_flag is NULL");
@@ -191,7 +182,7 @@ static NTSTATUS DataPathReleaseHardware(WDFDEVICE Device, WDFCMRESLIST Translate
         (VOID) OsWaitForSignal(ext->Threadprocess_FinishSignal, 0);
         OsClearSignal(ext->Threadprocess_FinishSignal);
     }
-    AwaitThread(&g_ProcessThread);
+    OsWaitForThread(&g_ProcessThread);
     return STATUS_SUCCESS;
 }
 
