@@ -190,10 +190,10 @@ Commands::Commands(CLI::App& app)
     for (const Simple& simple : kSimple) {
         subcommands_.push_back(app.add_subcommand(simple.name, simple.help));
     }
-    subcommands_.push_back(
-        add_raw_command(app, "sendcmd", "Send a chip command, wait for its answer", o));
     subcommands_.push_back(add_raw_command(
-        app, "log-sendcmd", "Send a chip command without waiting for its acknowledgement", o));
+        app, "sendcmd", "Send a chip command (acknowledged, resent), print the chip's answer", o));
+    subcommands_.push_back(add_raw_command(
+        app, "log-sendcmd", "Send a chip command once and log it, print the chip's answer", o));
     CLI::App* agps = app.add_subcommand("agps", "Send an assisted-GPS record");
     agps->add_option("--file", o.file, "File holding one assisted-GPS record")
         ->required()

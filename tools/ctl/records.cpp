@@ -1,6 +1,7 @@
 #include "tools/ctl/records.h"
 
 #include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 
@@ -30,8 +31,9 @@ std::vector<std::uint8_t> command_record(std::uint8_t pid, std::uint8_t sid,
     header.Sid = sid;
     header.LengthHigh = static_cast<std::uint8_t>(payload.size() >> 8);
     header.LengthLow = static_cast<std::uint8_t>(payload.size());
-    std::vector<std::uint8_t> record = bytes_of(header);
-    record.insert(record.end(), payload.begin(), payload.end());
+    std::vector<std::uint8_t> record(sizeof(header) + payload.size());
+    std::memcpy(record.data(), &header, sizeof(header));
+    std::copy(payload.begin(), payload.end(), record.begin() + sizeof(header));
     return record;
 }
 

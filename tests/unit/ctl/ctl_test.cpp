@@ -12,6 +12,7 @@
 #include "tools/ctl/ctl.h"
 #include "tools/ctl/decode.h"
 #include "tools/ctl/hex.h"
+#include "windows/client/win32_status.h"
 
 namespace
 {
@@ -396,6 +397,26 @@ TEST(Ctl, NmeaIsRecognisedByContent)
         if (c.sentence) {
             EXPECT_EQ(*sentence, c.sentence);
         }
+    }
+}
+
+// DeviceIoControl's errors turned back into the statuses the driver completed with, each one
+// a status the output names.
+TEST(Ctl, Win32ErrorsBecomeTheDriversStatuses)
+{
+    const std::pair<std::uint32_t, const char*> cases[] = {
+        {31, "STATUS_UNSUCCESSFUL"},         {87, "STATUS_INVALID_PARAMETER"},
+        {122, "STATUS_BUFFER_TOO_SMALL"},    {995, "STATUS_CANCELLED"},
+        {50, "STATUS_NOT_SUPPORTED"},        {1450, "STATUS_INSUFFICIENT_RESOURCES"},
+        {234, "STATUS_BUFFER_OVERFLOW"},     {1, "STATUS_INVALID_DEVICE_REQUEST"},
+        {21, "STATUS_DEVICE_NOT_READY"},     {121, "STATUS_IO_TIMEOUT"},
+        {22, "STATUS_INVALID_DEVICE_STATE"}, {1617, "STATUS_DEVICE_REMOVED"},
+        {1168, "STATUS_NOT_FOUND"},          {5, "Win32 error 5"},
+    };
+    for (const auto& [error, name] : cases) {
+        std::uint32_t status = mvgps::windows_client::status_from_win32(error);
+        EXPECT_EQ(mvgps::ctl::status_name(status), name) << error;
+        EXPECT_FALSE(mvgps::ctl::status_ok(status)) << error;
     }
 }
 
