@@ -72,6 +72,18 @@ const CLI::Validator kAgpsFile(
     },
     "FILE");
 
+// Turns a name or hex code into the decimal number the option then converts.
+const CLI::Validator kControlCode(
+    [](std::string& text) -> std::string {
+        std::uint32_t code = 0;
+        if (!parse_code(text, code)) {
+            return "not a control code name or hex number: " + text;
+        }
+        text = std::to_string(code);
+        return {};
+    },
+    "CODE");
+
 std::vector<std::uint8_t> hex_of(const std::string& text)
 {
     std::vector<std::uint8_t> bytes;
@@ -136,7 +148,9 @@ CLI::App* add_geofence_cmd(CLI::App& app, Options& o)
 CLI::App* add_raw(CLI::App& app, Options& o)
 {
     CLI::App* sub = app.add_subcommand("raw", "Send any control code");
-    sub->add_option("--code", o.code, "Control code, e.g. 0x00222890")->required();
+    sub->add_option("--code", o.code, "Control code in hex (0x00222890) or by name")
+        ->required()
+        ->transform(kControlCode);
     sub->add_option("--in", o.in, "Input bytes")->check(hex_bytes(0xFFFFFFFF));
     sub->add_option("--out", o.out, "Output buffer length in bytes");
     return sub;
@@ -187,6 +201,8 @@ Commands::Commands(CLI::App& app)
     Options& o = options_;
     app.add_flag("--json", o.json, "Print one JSON object per request (per frame for start-read)");
     app.require_subcommand(1);
+    // --json may follow the subcommand as well.
+    app.fallthrough();
     for (const Simple& simple : kSimple) {
         subcommands_.push_back(app.add_subcommand(simple.name, simple.help));
     }

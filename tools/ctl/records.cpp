@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "control/control.h"
+#include "tools/ctl/hex.h"
 
 namespace mvgps::ctl
 {
@@ -66,6 +67,30 @@ std::vector<std::uint8_t> geofence_cmd_record(const Options& options,
     record.Length = static_cast<std::uint16_t>(options.cmd_length);
     std::copy_n(payload.begin(), std::min(payload.size(), sizeof(record.Payload)), record.Payload);
     return bytes_of(record);
+}
+
+bool parse_code(std::string_view text, std::uint32_t& code)
+{
+    for (const gps_control_code& known : gps_control_codes) {
+        if (text == known.name) {
+            code = known.code;
+            return true;
+        }
+    }
+    if (text.starts_with("0x") || text.starts_with("0X")) {
+        text.remove_prefix(2);
+    }
+    std::vector<std::uint8_t> bytes;
+    std::string padded = (text.size() % 2 ? "0" : "") + std::string(text);
+    if (text.empty() || text.size() > 8 || text.find(' ') != text.npos ||
+        !parse_hex(padded, bytes)) {
+        return false;
+    }
+    code = 0;
+    for (std::uint8_t byte : bytes) {
+        code = code << 8 | byte;
+    }
+    return true;
 }
 
 bool read_agps_record(const std::string& path, std::vector<std::uint8_t>& record,

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tools/ctl/ctl.h"
@@ -20,6 +21,8 @@ std::vector<std::uint8_t> geofence_record(const Options& options);
 // payload bytes, zero-filled.
 std::vector<std::uint8_t> geofence_cmd_record(const Options& options,
                                               const std::vector<std::uint8_t>& payload);
+// A control code by its name (IOCTL_VC_GPS_SLEEP) or as hex, with or without 0x.
+bool parse_code(std::string_view text, std::uint32_t& code);
 // An assisted-GPS record from a file that holds exactly one.
 bool read_agps_record(const std::string& path, std::vector<std::uint8_t>& record,
                       std::string& error);

@@ -181,6 +181,8 @@ TEST(Ctl, EachSubcommandSendsItsCodeAndRecord)
          "00 00 31 03 04 00 0a 0b 00 00",
          0},
         {{"raw", "--code", "0x00222864", "--in", "ff 01", "--out", "8"}, 0x00222864, "ff 01", 8},
+        {{"raw", "--code", "222890"}, IOCTL_VC_GPS_GET_SLEEP_STATUS, "", 0},
+        {{"raw", "--code", "IOCTL_VC_GPS_WAKEUP"}, IOCTL_VC_GPS_WAKEUP, "", 0},
         {{"start-read", "--count", "1"}, IOCTL_VC_GPS_START_READ, "", 4128},
     };
     for (const SendCase& c : cases) {
@@ -295,7 +297,7 @@ TEST(Ctl, JsonIsOneObjectPerRequestOrFrame)
     }
     EXPECT_EQ(frames, 2);
 
-    r = run({"--json", "get-sleep-status"}, {ok({1, 0, 0, 0}, 1)});
+    r = run({"get-sleep-status", "--json"}, {ok({1, 0, 0, 0}, 1)});
     nlohmann::json object = nlohmann::json::parse(r.out);
     EXPECT_EQ(object["code"], IOCTL_VC_GPS_GET_SLEEP_STATUS);
     EXPECT_EQ(object["code_name"], "IOCTL_VC_GPS_GET_SLEEP_STATUS");
@@ -336,6 +338,9 @@ TEST(Ctl, BadUsageExitsTwoBeforeAnythingIsSent)
         {"agps", "--file", "/nonexistent/agps.bin"},
         {"agps", "--file", short_agps},
         {"raw", "--in", "00"},
+        {"raw", "--code", "0x100000000"},
+        {"raw", "--code", "IOCTL_VC_GPS_NOTHING"},
+        {"raw", "--code", "0x"},
         {"start-read", "--count", "many"},
     };
     for (const auto& args : cases) {
