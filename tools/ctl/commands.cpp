@@ -13,8 +13,7 @@ namespace mvgps::ctl
 namespace
 {
 
-// Room for the read header and the largest chip frame.
-constexpr std::uint32_t kReadCapacity = GPS_READ_HEADER_SIZE + Options{}.answer_out;
+constexpr std::uint32_t kReadCapacity = GPS_READ_HEADER_SIZE + kFrameCapacity;
 constexpr std::size_t kGeofenceCmdPayload = sizeof(GPS_GEOFENCE_CMD_RECORD::Payload);
 
 struct Simple {
@@ -156,9 +155,9 @@ CLI::App* add_raw(CLI::App& app, Options& o)
     return sub;
 }
 
-Request build(const std::string& name, const Options& o)
+// False, with a message, only when the assistance file can no longer be read.
+bool build(const std::string& name, const Options& o, Request& request, std::string& error)
 {
-    Request request;
     request.command = name;
     if (name == "sendcmd" || name == "log-sendcmd") {
         request.code = name == "sendcmd" ? IOCTL_VC_GPS_SENDCMD_ACK : IOCTL_VC_SET_LOG_GPS_SENDCMD;
@@ -166,9 +165,8 @@ Request build(const std::string& name, const Options& o)
                                        static_cast<std::uint8_t>(o.sid), hex_of(o.payload));
         request.output_length = o.answer_out;
     } else if (name == "agps") {
-        std::string error;
         request.code = IOCTL_VC_GPS_AGPS_DATA;
-        read_agps_record(o.file, request.input, error);
+        return read_agps_record(o.file, request.input, error);
     } else if (name == "geofence-set") {
         request.code = IOCTL_VC_GPS_GEOFENCE_SET;
         request.input = geofence_record(o);
@@ -185,7 +183,7 @@ Request build(const std::string& name, const Options& o)
     } else {
         request.code = simple_code(name, request.output_length);
     }
-    return request;
+    return true;
 }
 
 int no_device(std::ostream& err, const std::string& error)
@@ -232,8 +230,12 @@ int Commands::run(const Connect& connect, std::ostream& out, std::ostream& err)
         err << "no subcommand given\n";
         return 2;
     }
-    Request request = build((*chosen)->get_name(), options_);
+    Request request;
     std::string error;
+    if (!build((*chosen)->get_name(), options_, request, error)) {
+        err << error << '\n';
+        return 2;
+    }
     std::unique_ptr<Transport> transport = connect(error);
     if (!transport) {
         return no_device(err, error);

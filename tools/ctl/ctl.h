@@ -39,13 +39,16 @@ class Transport
 
 using Connect = std::function<std::unique_ptr<Transport>(std::string& error)>;
 
+// Room for any chip frame: a 12-bit length after three header bytes, the CRC and the tail.
+inline constexpr std::uint32_t kFrameCapacity = 4112;
+
 // The subcommands' options, filled as they are parsed; one subcommand runs at a time.
 struct Options {
     bool json = false;
     std::uint32_t pid = GPS_GEOFENCE_PID; // required by the raw commands, a geofence's by default
     std::uint32_t sid = 0;
     std::string payload;
-    std::uint32_t answer_out = 4112; // room for the largest chip frame
+    std::uint32_t answer_out = kFrameCapacity;
     std::string file;
     std::uint32_t answer_id = 0;
     std::uint32_t length = 36; // a geofence's nine fields as the driver sends them
