@@ -46,9 +46,7 @@ inline const std::set<std::string>& driver_routines()
         "DeviceEnablePDOWorker", "AddChild", "FdoEvtDeviceListCreatePdo", "PdoCreateDynamic",
         "PdoIoQuDeviceControl",
         // control dispatch
-        "FdoIoQuDeviceControl",
-        // the data-path test driver's stand-in for the lifecycle code's stop
-        "DataPathReleaseHardware"};
+        "FdoIoQuDeviceControl"};
     return names;
 }
 

@@ -53,6 +53,30 @@ TEST_F(DriverTest, ChildHasItsIdsTextsAndCapabilities)
         << log();
 }
 
+// The child is reported once: the worker run a second time finds it present, and the
+// framework's refusal leaves one child.
+TEST_F(DriverTest, SecondChildIsRefused)
+{
+    start_running();
+    WDF_WORKITEM_CONFIG config;
+    WDF_WORKITEM_CONFIG_INIT(
+        &config, image_symbol_as<EVT_WDF_WORKITEM>("_Z21DeviceEnablePDOWorkerP13WDFWORKITEM__"));
+    auto* type =
+        image_symbol_as<const WDF_OBJECT_CONTEXT_TYPE_INFO>("_WDF_WorkItemContext_TYPE_INFO");
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+    attributes.ContextTypeInfo = type;
+    attributes.ParentObject = stack().fdo()->handle();
+    WDFWORKITEM item;
+    ASSERT_EQ(WdfWorkItemCreate(&config, &attributes, &item), STATUS_SUCCESS);
+    auto* context = static_cast<WorkItemContext*>(WdfObjectGetTypedContextWorker(item, type));
+    context->Device = static_cast<WDFDEVICE>(stack().fdo()->handle());
+    config.EvtWorkItemFunc(item);
+    run_for(10 * kMillisecond);
+    EXPECT_EQ(count("-DeviceEnablePDOWorker"), 2u);
+    EXPECT_EQ(stack().children().size(), 1u);
+}
+
 struct ForwardCase {
     ULONG code;
     bool forwarded;

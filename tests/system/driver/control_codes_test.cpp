@@ -15,22 +15,7 @@ namespace mvgps::test
 namespace
 {
 
-using Bytes = std::vector<std::uint8_t>;
 constexpr USHORT kFenceId = 0x1234;
-
-// A command record: header, then the payload.
-Bytes command(std::uint8_t pid, std::uint8_t sid, const Bytes& payload)
-{
-    Bytes r{0xA5,
-            0,
-            static_cast<std::uint8_t>(7 + payload.size()),
-            pid,
-            sid,
-            static_cast<std::uint8_t>(payload.size() >> 8),
-            static_cast<std::uint8_t>(payload.size())};
-    r.insert(r.end(), payload.begin(), payload.end());
-    return r;
-}
 
 template <typename T>
 Bytes bytes_of(const T& record)
@@ -65,12 +50,6 @@ Bytes fence_query(USHORT id, USHORT length = 4)
                               length,
                               {static_cast<UCHAR>(id), static_cast<UCHAR>(id >> 8), 0, 0}};
     return bytes_of(r);
-}
-
-Bytes le32(std::uint32_t v)
-{
-    return {static_cast<std::uint8_t>(v), static_cast<std::uint8_t>(v >> 8),
-            static_cast<std::uint8_t>(v >> 16), static_cast<std::uint8_t>(v >> 24)};
 }
 
 struct Call {
@@ -181,16 +160,9 @@ TEST_F(ControlCodes, ReadCompletesWithHeaderAndFrameAndSleepCancelsAWaitingOne)
 {
     auto read = raw(IOCTL_VC_GPS_START_READ, {}, 512);
     ASSERT_TRUE(read->wait(sched::current().now() + 5 * kSecond));
-    ASSERT_EQ(read->status(), STATUS_SUCCESS);
-    auto out = read->output();
-    ASSERT_GE(read->information(), 16u + 7u);
-    EXPECT_EQ(out[0], 3);
-    std::uint32_t length;
-    std::memcpy(&length, &out[4], 4);
-    EXPECT_EQ(read->information(), 16u + length);
-    EXPECT_EQ(out[8], 1);
-    EXPECT_EQ(out[12], 2);
-    EXPECT_EQ(out[16], 0xA5);
+    Bytes frame = read_frame(*read);
+    ASSERT_GE(frame.size(), 7u);
+    EXPECT_EQ(frame[0], 0xA5);
 
     // A silent chip: reads take what is still queued until one waits.
     chip().set_power(false);
@@ -329,6 +301,26 @@ TEST_F(ControlCodes, SleepAndRemovalWithAnUnansweredRawCommand)
     stack().surprise_remove();
     ASSERT_TRUE(pending->wait(sched::current().now() + 5 * kSecond));
     EXPECT_EQ(pending->status(), STATUS_CANCELLED);
+}
+
+// The same scenario with the request held as the dispatcher first held it, not cancelable:
+// the queue's stop callback can neither let the sleep proceed nor end the request, so the
+// sleep waits for the chip's answer until the power watchdog stops the system.
+TEST_F(ControlCodes, UncancelableUnansweredRawCommandStopsTheSleep)
+{
+    if (!simulated()) {
+        GTEST_SKIP() << "the power watchdog runs out in simulated time";
+    }
+    EXPECT_DEATH(
+        {
+            chip().inject(sim::chip::Fault::no_ack(1, 0x22, 5));
+            auto pending = raw(IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, 5, {0}));
+            (void)wait_until([&] { return logged("send CMD OK!"); });
+            (void)WdfRequestUnmarkCancelable(ext().CMD_Request);
+            (void)stack().sleep(PowerDeviceD3);
+            std::_Exit(0);
+        },
+        "DRIVER_POWER_STATE_FAILURE.*cannot leave D0");
 }
 
 } // namespace

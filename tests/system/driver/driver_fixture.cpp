@@ -2,6 +2,12 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
+#include <cstring>
+
+#include "control/control.h"
+#include "read/read.h"
+
 #include "host/wdf/faults.h"
 
 namespace mvgps::test
@@ -153,9 +159,9 @@ bool DriverTest::logged_in_order(const std::vector<std::string>& texts)
     return true;
 }
 
-bool DriverTest::wait_until(const std::function<bool()>& done)
+bool DriverTest::wait_until(const std::function<bool()>& done, sched::Nanos timeout)
 {
-    const sched::Nanos deadline = sched::current().now() + kSecond;
+    const sched::Nanos deadline = now() + timeout;
     while (!done()) {
         if (sched::current().now() >= deadline) {
             return false;
@@ -165,13 +171,51 @@ bool DriverTest::wait_until(const std::function<bool()>& done)
     return true;
 }
 
+std::vector<Frame> DriverTest::chip_received(int pid) const
+{
+    std::vector<Frame> frames;
+    for (const sim::chip::TraceEntry& e : device_->chip()->trace()) {
+        if (!e.sent && (pid < 0 || e.frame.pid == pid)) {
+            frames.push_back(e.frame);
+        }
+    }
+    return frames;
+}
+
 std::size_t DriverTest::chip_heard(std::uint8_t pid, std::uint8_t sid) const
 {
-    std::size_t n = 0;
-    for (const sim::chip::TraceEntry& e : device_->chip()->trace()) {
-        n += !e.sent && e.frame.pid == pid && e.frame.sid == sid;
+    std::vector<Frame> frames = chip_received(pid);
+    return std::count_if(frames.begin(), frames.end(),
+                         [sid](const Frame& f) { return f.sid == sid; });
+}
+
+void DriverTest::quiet_chip(pnp::ClientHandle& client)
+{
+    ASSERT_EQ(client.ioctl(IOCTL_VC_GPS_DISABLE_NMEA, {}, {}), STATUS_SUCCESS);
+    run_for(1100 * kMillisecond);
+    std::shared_ptr<pnp::PendingIo> drain;
+    do {
+        drain = client.ioctl_async(IOCTL_VC_GPS_START_READ, {}, 256);
+    } while (drain->wait(now() + 50 * kMillisecond));
+    drain->cancel();
+    ASSERT_TRUE(drain->wait(now() + kSecond));
+}
+
+Bytes DriverTest::read_frame(const pnp::PendingIo& io)
+{
+    EXPECT_EQ(io.status(), STATUS_SUCCESS);
+    std::span<const std::uint8_t> out = io.output().first(io.information());
+    if (out.size() < READ_COMPLETION_HEADER_SIZE) {
+        ADD_FAILURE() << "a read returned " << out.size() << " bytes";
+        return {};
     }
-    return n;
+    std::uint32_t header[3];
+    std::memcpy(header, &out[4], sizeof(header));
+    EXPECT_EQ(out[0], READ_COMPLETION_TYPE);
+    EXPECT_EQ(header[0], out.size() - READ_COMPLETION_HEADER_SIZE);
+    EXPECT_EQ(header[1], 1u);
+    EXPECT_EQ(header[2], 2u);
+    return Bytes(out.begin() + READ_COMPLETION_HEADER_SIZE, out.end());
 }
 
 } // namespace mvgps::test

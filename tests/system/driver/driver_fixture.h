@@ -27,8 +27,34 @@
 namespace mvgps::test
 {
 
+using Bytes = std::vector<std::uint8_t>;
 using sched::kMillisecond;
 using sched::kSecond;
+using sim::chip::Fault;
+using sim::chip::Frame;
+using sim::testkit::le32;
+
+// A raw-command record as a client builds it: header, then the payload.
+inline Bytes command(std::uint8_t pid, std::uint8_t sid, const Bytes& payload)
+{
+    Bytes r{0xA5,
+            0,
+            static_cast<std::uint8_t>(7 + payload.size()),
+            pid,
+            sid,
+            static_cast<std::uint8_t>(payload.size() >> 8),
+            static_cast<std::uint8_t>(payload.size())};
+    r.insert(r.end(), payload.begin(), payload.end());
+    return r;
+}
+
+// A driver field that its threads change with interlocked or release stores, read as they
+// do, so that a real-time run under ThreadSanitizer sees no race.
+template <class T>
+T peek(const volatile T& field)
+{
+    return __atomic_load_n(&field, __ATOMIC_ACQUIRE);
+}
 
 // The Resource Hub id the simulated UART answers to, and a serial port's link.
 inline constexpr std::uint64_t kUartId = sim::kUartConnectionId;
@@ -62,21 +88,36 @@ class DriverTest : public testing::Test
     sim::uart::SerialController& uart() { return device_->controller(); }
     // The driver's context of the function device, found through the image's own type.
     FdoExtension& ext();
+    // One of the image's routines or context types, by its symbol, for what no control code
+    // reaches.
+    template <class T>
+    static T* image_symbol_as(const char* symbol)
+    {
+        return reinterpret_cast<T*>(image_symbol(symbol));
+    }
     // The image's DebugLogMask, as a debugger would patch it.
     void set_log_mask(ULONG mask);
     std::unique_ptr<pnp::ClientHandle> open_parent();
     std::unique_ptr<pnp::ClientHandle> open_child();
+    // NMEA off, and what was queued read: only answers reach readers from then on.
+    void quiet_chip(pnp::ClientHandle& client);
+    // The frame behind the 16-byte header of a completed read, whose fields are checked.
+    static Bytes read_frame(const pnp::PendingIo& io);
 
     static std::string log() { return kernel::debug_output(); }
     static bool logged(const std::string& text) { return log().find(text) != std::string::npos; }
     static std::size_t count(const std::string& text);
     // Whether the lines appear in this order (not necessarily next to each other).
     static bool logged_in_order(const std::vector<std::string>& texts);
-    // Frames the chip heard with this pid and sid, in order.
+    // Frames the chip received with this pid (any pid when negative), in order.
+    std::vector<Frame> chip_received(int pid = -1) const;
+    // How many frames the chip heard with this pid and sid.
     std::size_t chip_heard(std::uint8_t pid, std::uint8_t sid) const;
     static void run_for(sched::Nanos d) { sim::testkit::run_for(d); }
     // Lets the simulation run until the condition holds; false after a second without.
-    static bool wait_until(const std::function<bool()>& done);
+    static bool wait_until(const std::function<bool()>& done, sched::Nanos timeout = kSecond);
+    static sched::Nanos now() { return sched::current().now(); }
+    static bool simulated() { return sched::current().mode() == sched::Mode::Simulated; }
 
   private:
     static void* image_symbol(const char* name);

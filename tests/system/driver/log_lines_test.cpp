@@ -1,14 +1,14 @@
-// The debug log as an operator reads it. Each scenario of the data path runs once with every
-// category on, and every line it prints must carry the name of one of the driver's routines,
-// never a helper's. It runs again once per category its table names, with only that bit in
-// the mask: the lines an operator searches for (failures, state changes, thread ends) must
-// appear in that run, in order, under their routine, and the lines of the other categories
-// must not.
-#include <dlfcn.h>
-
+// The debug log as an operator reads it. Each scenario runs once with every category on, and
+// every line it prints must carry the name of one of the driver's routines, never a helper's.
+// It runs again once per category its table names, with only that bit in the mask: the lines
+// an operator searches for (failures, state changes, thread ends) must appear in that run, in
+// order, under their routine, and the lines of the other categories must not.
 #include <set>
 
-#include "data_path_fixture.h"
+#include "control/control.h"
+#include "driver_fixture.h"
+#include "host/wdf/faults.h"
+#include "read/read.h"
 #include "tests/support/driver_log.h"
 
 namespace mvgps::test
@@ -28,178 +28,152 @@ struct Scenario {
     const char* name;
     void (*run)(LogLines&);
     std::vector<Expected> lines; // in the order they are printed within one category
-    friend void PrintTo(const Scenario& s, std::ostream* os) { *os << s.name; }
 };
 
-class LogLines : public DataPath, public testing::WithParamInterface<std::pair<Scenario, ULONG>>
+void PrintTo(const Scenario& s, std::ostream* os)
+{
+    *os << s.name;
+}
+
+class LogLines : public DriverTest, public testing::WithParamInterface<std::pair<Scenario, ULONG>>
 {
   public:
-    using DataPath::chip;
-    using DataPath::ext;
-    using DataPath::now;
-    using DataPath::ops;
-    using DataPath::read;
-    using DataPath::remove;
-    using DataPath::run_for;
-    using DataPath::send_cmd;
-    using DataPath::start_with_chip;
-    using DataPath::xfer;
+    using DriverTest::chip;
+    using DriverTest::quiet_chip;
+    using DriverTest::remove;
+    using DriverTest::run_for;
 
-    void start(bool talking = false)
+    NTSTATUS call(ULONG code, const Bytes& input = {}, std::size_t out = 0)
     {
-        start_with_chip(talking);
-        set_mask(GetParam().second);
+        Bytes output(out);
+        return client->ioctl(code, input, output);
+    }
+    NTSTATUS option_command(std::uint8_t sid = 5) { return call(ack, command(0x22, sid, {1}), 64); }
+    std::shared_ptr<pnp::PendingIo> async(ULONG code, const Bytes& input, std::size_t out)
+    {
+        return client->ioctl_async(code, input, out);
+    }
+    static void fail_write(std::uint64_t n)
+    {
+        wdf::faults::add(wdf::faults::fail_nth_send(n, wdf::faults::Op::Write));
+    }
+    // Until the driver's own resends of an acknowledged command are over.
+    void settle()
+    {
+        wait_until([this] { return peek(ext().WaitAck_flag) == 0; }, 6 * kSecond);
     }
 
-  private:
-    // The mask of the loaded image, as a kernel debugger patches it.
-    static void set_mask(ULONG mask)
-    {
-        void* image = dlopen(DATA_PATH_DRIVER_PATH, RTLD_NOW | RTLD_NOLOAD);
-        ASSERT_NE(image, nullptr);
-        auto* variable = static_cast<ULONG*>(dlsym(image, "DebugLogMask"));
-        dlclose(image);
-        ASSERT_NE(variable, nullptr);
-        *variable = mask;
-    }
+    static constexpr ULONG ack = IOCTL_VC_GPS_SENDCMD_ACK;
+    std::unique_ptr<pnp::ClientHandle> client;
 };
 
 void unanswered_command(LogLines& t)
 {
-    t.start();
     t.chip().inject(Fault::no_ack(5));
-    EXPECT_EQ(t.xfer(0x22, 5), 3);
+    EXPECT_EQ(t.option_command(), STATUS_SUCCESS);
 }
 
 void rejected_command(LogLines& t)
 {
-    t.start();
     t.chip().inject(Fault::reject(1, 1));
-    EXPECT_EQ(t.xfer(0x22, 5), 0);
+    EXPECT_EQ(t.option_command(), STATUS_SUCCESS);
+    t.settle();
 }
 
 void failed_write(LogLines& t)
 {
-    t.start();
-    wdf::faults::add(wdf::faults::fail_nth_send(1, wdf::faults::Op::Write));
-    EXPECT_EQ(t.xfer(0x22, 5), -1);
+    LogLines::fail_write(1);
+    EXPECT_EQ(t.option_command(), STATUS_SUCCESS);
 }
 
 // An answer whose CRC is wrong, then one whose tail is: each is dropped on the way in, and
-// the command is answered by its third write.
+// the command is answered by its next write.
 void broken_answers(LogLines& t)
 {
-    t.start();
     t.chip().inject(Fault::corrupt_crc(1, sim::chip::Output::Answers));
-    EXPECT_EQ(t.xfer(0x22, 5), 0);
+    EXPECT_EQ(t.option_command(5), STATUS_SUCCESS);
+    t.settle();
     t.chip().inject(Fault::corrupt_tail(1, sim::chip::Output::Answers));
-    EXPECT_EQ(t.xfer(0x22, 6), 0);
+    EXPECT_EQ(t.option_command(6), STATUS_SUCCESS);
+    t.settle();
 }
 
-// A read one byte too small for the 14-byte answer behind its header, then an answer that
-// finds no read at all.
-void reads_that_cannot_take_a_frame(LogLines& t)
+// NMEA off, then a read one byte too small for the 14-byte answer behind its header.
+void read_too_small(LogLines& t)
 {
-    t.start();
-    auto pending = t.read(READ_COMPLETION_HEADER_SIZE + 13);
-    EXPECT_EQ(t.xfer(0x22, 5), 0);
-    EXPECT_TRUE(pending->wait(t.now() + 100 * kMillisecond));
-    EXPECT_EQ(t.xfer(0x22, 5), 0);
-    t.run_for(50 * kMillisecond);
+    t.quiet_chip(*t.client);
+    kernel::clear_debug_output();
+    auto pending = t.async(IOCTL_VC_GPS_START_READ, {}, READ_COMPLETION_HEADER_SIZE + 13);
+    EXPECT_EQ(t.option_command(), STATUS_SUCCESS);
+    EXPECT_TRUE(pending->wait(sched::current().now() + 100 * kMillisecond));
+    t.settle();
 }
 
 // The chip answers twice: the first copy completes the raw command, the second finds none.
 void raw_command_answered_twice(LogLines& t)
 {
-    t.start();
     t.chip().inject(Fault::duplicate_ack(1));
-    auto cmd = t.send_cmd(0x22, 5, 64);
-    EXPECT_TRUE(cmd->wait(t.now() + 100 * kMillisecond));
+    auto cmd = t.async(IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, 5, {1}), 64);
+    EXPECT_TRUE(cmd->wait(sched::current().now() + 100 * kMillisecond));
     t.run_for(50 * kMillisecond);
     EXPECT_EQ(cmd->status(), STATUS_SUCCESS);
-}
-
-void serial_refusals(LogLines& t)
-{
-    t.start();
-    SERIAL_BAUD_RATE rate = {0};
-    EXPECT_FALSE(
-        t.ops().SerialSend(t.ext().UartIoTarget, IOCTL_SERIAL_SET_BAUD_RATE, sizeof(rate), &rate));
-    EXPECT_FALSE(t.ops().SerialRead(t.ext().UartIoTarget, IOCTL_SERIAL_GET_BAUD_RATE, 2, &rate));
-}
-
-// The port refuses the read thread's timeouts: the thread reads on regardless.
-void timeouts_refused(LogLines& t)
-{
-    wdf::faults::add(wdf::faults::fail_control(IOCTL_SERIAL_SET_TIMEOUTS));
-    t.start();
-    t.run_for(20 * kMillisecond);
-}
-
-// Memory commands the chip never answers, and a write of nothing.
-void memory_commands_unanswered(LogLines& t)
-{
-    t.start();
-    t.chip().inject(Fault::no_ack(10));
-    UCHAR data[4] = {1, 2, 3, 4};
-    EXPECT_EQ(t.ops().WriteMem(&t.ext(), 0x20000000, data, sizeof(data), 0), 3);
-    EXPECT_EQ(t.ops().ReadMem(&t.ext(), 0x20000000, sizeof(data), data, 0), 3);
-    EXPECT_EQ(t.ops().WriteMem(&t.ext(), 0x20000000, nullptr, sizeof(data), 0), -1);
 }
 
 // Removal cancels the read in flight and ends both threads.
 void thread_ends(LogLines& t)
 {
-    t.start(true);
     t.run_for(100 * kMillisecond);
+    t.client.reset();
     t.remove();
 }
 
-// A whole start-up sequence, then one failing at each of its four steps in turn.
+// A whole start-up sequence on wake-up, then one failing at each of its four steps in turn.
 void start_up(LogLines& t)
 {
-    t.start();
-    EXPECT_TRUE(t.ops().DownloadPatchCode(&t.ext()));
+    EXPECT_EQ(t.call(IOCTL_VC_GPS_WAKEUP), STATUS_SUCCESS);
     for (std::uint64_t step = 1; step <= 4; step++) {
-        wdf::faults::add(wdf::faults::fail_nth_send(step, wdf::faults::Op::Write));
-        EXPECT_FALSE(t.ops().DownloadPatchCode(&t.ext()));
+        LogLines::fail_write(step);
+        EXPECT_EQ(t.call(IOCTL_VC_GPS_WAKEUP), STATUS_SUCCESS);
         wdf::faults::clear();
     }
 }
 
-void starts(LogLines& t)
+// A cold start whose memory clear the chip never answers: the start itself went out.
+void cold_start_unanswered(LogLines& t)
 {
-    t.start();
-    t.ext().Initialized_flag = 0;
-    EXPECT_EQ(t.ops().StartGps(&t.ext(), GPS_START_COLD), 0);
-    wdf::faults::add(wdf::faults::fail_nth_send(1, wdf::faults::Op::Write));
-    EXPECT_EQ(t.ops().StartGps(&t.ext(), GPS_START_WARM), -1);
+    t.chip().inject(Fault::no_ack(10));
+    EXPECT_EQ(t.call(IOCTL_VC_GPS_STARTUP), STATUS_SUCCESS);
 }
 
 // NMEA off and the assistance data refused by the UART, and a geofence status the chip's
 // table never gives.
 void receiver_commands(LogLines& t)
 {
-    t.start();
-    wdf::faults::add(wdf::faults::fail_nth_send(1, wdf::faults::Op::Write));
-    EXPECT_EQ(t.ops().SetNmeaOutput(0, &t.ext()), -1);
+    LogLines::fail_write(1);
+    EXPECT_EQ(t.call(IOCTL_VC_GPS_DISABLE_NMEA), STATUS_UNSUCCESSFUL);
     GPS_AGPS_RECORD record{};
     record.Valid = 1;
-    wdf::faults::add(wdf::faults::fail_nth_send(1, wdf::faults::Op::Write));
-    EXPECT_EQ(t.ops().AgpsTx(&t.ext(), &record), -1);
+    LogLines::fail_write(1);
+    EXPECT_EQ(t.call(IOCTL_VC_GPS_AGPS_DATA, sim::testkit::bytes_of(record)), STATUS_SUCCESS);
     t.chip().set_geofence_status(9);
-    GEOFENCE_CMD_PAYLOAD query = {{0x34, 0x12, 0, 0}};
-    EXPECT_EQ(t.ops().GeofenceCmd(&t.ext(), 0x1234, 0x30, 4, &query, sizeof(query)), -149);
+    GPS_GEOFENCE_CMD_RECORD query{0x1234, GPS_GEOFENCE_PID, 4, 4, {0x34, 0x12, 0, 0}};
+    EXPECT_EQ(t.call(IOCTL_VC_GPS_GEOFENCE_CMD, sim::testkit::bytes_of(query)),
+              STATUS_UNSUCCESSFUL);
 }
 
-// A switch to 115200 that the chip was told of, then a rate the port refuses.
+// A switch to 115200 that the chip is told of, then one the port refuses.
 void baud_switch(LogLines& t)
 {
-    t.start();
-    EXPECT_EQ(t.xfer(HCI_PID_BAUD_RATE, 0, {0x00, 0xC2, 0x01, 0x00}), 0);
-    EXPECT_EQ(t.ops().ChangeBaudrate(&t.ext(), 115200, 0), 0);
-    t.run_for(50 * kMillisecond);
-    EXPECT_EQ(t.ops().ChangeBaudrate(&t.ext(), 12345, 0), -1);
+    for (bool refused : {false, true}) {
+        if (refused) {
+            wdf::faults::add(wdf::faults::fail_control(IOCTL_SERIAL_SET_BAUD_RATE));
+        }
+        auto cmd = t.async(IOCTL_VC_SET_LOG_GPS_SENDCMD,
+                           command(GPS_COMMAND_PID_BAUD_RATE, 0, le32(115200)), 64);
+        t.run_for(50 * kMillisecond);
+        cmd->cancel();
+        EXPECT_TRUE(cmd->wait(sched::current().now() + kSecond));
+    }
 }
 
 const Scenario kScenarios[] = {
@@ -238,16 +212,14 @@ const Scenario kScenarios[] = {
       {DBG_ERROR, "send_hci_tx_internal_core", "0st timed out, pid 22, sid 05, try again"},
       {DBG_ERROR, "process_buff", "PKT_NO_TAIL"},
       {DBG_ERROR, "send_hci_tx_internal_core", "0st timed out, pid 22, sid 06, try again"}}},
-    {"reads_that_cannot_take_a_frame",
-     reads_that_cannot_take_a_frame,
+    {"read_too_small",
+     read_too_small,
      {{DBG_ERROR, "UART_ProcessReadQueue",
        "Error: Buffer too small!!! BufferSize(29)<BytesToReturn(30)"},
       {DBG_COMPLETE, "UART_ProcessReadQueue",
        " [1] HciPacketEvent completing Status(0xc0000023), 0 BytesToReturn"},
       {DBG_QUEUE, "UART_ProcessReadQueue", "STATUS is not SUCCESS"},
-      {DBG_READQ, "UART_ProcessReadQueue", "-UART_ProcessReadQueue: Status(0xc0000023)"},
-      {DBG_QUEUE, "UART_ProcessReadQueue", "STATUS_NO_MORE_ENTRIES!"},
-      {DBG_READQ, "UART_ProcessReadQueue", "-UART_ProcessReadQueue: Status(0x103)"}}},
+      {DBG_READQ, "UART_ProcessReadQueue", "-UART_ProcessReadQueue: Status(0xc0000023)"}}},
     {"raw_command_answered_twice",
      raw_command_answered_twice,
      {{DBG_OS, "send_hci_tx_internal_core", "asynchronious writing, pid 22, sid 05"},
@@ -256,23 +228,6 @@ const Scenario kScenarios[] = {
       {DBG_ERROR, "local_process_pkt", "BufferSize: 64"},
       {DBG_ERROR, "local_process_pkt", "Bufferplen: 14"},
       {DBG_ERROR, "local_process_pkt", "FdoExtension CMD_Request is NULL"}}},
-    {"serial_refusals",
-     serial_refusals,
-     {{DBG_TRACE, "FdoWriteToDeviceSyncWithTimeOut",
-       "-FdoWriteToDeviceSync: Status(0xc000000d|InvalidParam)BytesWritten(0)"},
-      {DBG_OS, "SerialSendIoSync", "SerialSendIoSync fail with 0xc000000d\n"},
-      {DBG_OS, "SerialReadFromSync", "SerialSendIoSync fail with 0xc0000023\n"}}},
-    {"timeouts_refused",
-     timeouts_refused,
-     {{DBG_ERROR, "HalWriteToDeviceSync", "+++HalWriteToDeviceSync"},
-      {DBG_ERROR, "HalWriteToDeviceSync", "---HalWriteToDeviceSync"},
-      {DBG_ERROR, "StartFunc_GPS", "Error!!BytesWritten(0)Status(c0000001)"}}},
-    {"memory_commands_unanswered",
-     memory_commands_unanswered,
-     {{DBG_ERROR, "hci_write_mem_core", "Begin: hci_write_mem_core!"},
-      {DBG_ERROR, "hci_write_mem_core", "Failed to write mem 0x20000000, len 4"},
-      {DBG_ERROR, "hci_read_mem_core", "hci read failed, address 0x20000000, length 4"},
-      {DBG_ERROR, "hci_write_mem_core", "funcx: buf is null"}}},
     {"thread_ends",
      thread_ends,
      {{DBG_ERROR, "HalReadFromDeviceSync", "I/O Canceled!!"},
@@ -287,10 +242,11 @@ const Scenario kScenarios[] = {
       {DBG_ERROR, "H4DownloadPatchCode", "FAIL to hci_write_mem_status1: -1"},
       {DBG_ERROR, "H4DownloadPatchCode", "Failed to set RF register 0x31 as 0x2A856"},
       {DBG_ERROR, "H4DownloadPatchCode", "Failed to enable NMEA"}}},
-    {"starts",
-     starts,
+    {"cold_start_unanswered",
+     cold_start_unanswered,
      {{DBG_COMPLETE, "start_gps", "Begin: start_gps!"},
-      {DBG_QUEUE, "start_gps", "funcx: Failed to GPS_WARM_START"}}},
+      {DBG_ERROR, "hci_write_mem_core", "Begin: hci_write_mem_core!"},
+      {DBG_ERROR, "hci_write_mem_core", "Failed to write mem 0x8010a731, len 1"}}},
     {"receiver_commands",
      receiver_commands,
      {{DBG_ERROR, "set_nmea_switch", "disable"},
@@ -302,7 +258,6 @@ const Scenario kScenarios[] = {
      {{DBG_OS, "change_baudrate", "COM: Set BaudRate(115200)"},
       {DBG_BAUD, "change_baudrate", "COM: BaudRate(115200)"},
       {DBG_ERROR, "change_baudrate", "reset_circ"},
-      {DBG_OS, "change_baudrate", "COM: Set BaudRate(12345)"},
       {DBG_ERROR, "change_baudrate", "Failed to set baudrate"}}},
 };
 
@@ -319,7 +274,14 @@ TEST_P(LogLines, CarryTheirRoutineAndCategory)
         GTEST_SKIP() << "in real time the two halves of lines from two threads may interleave";
     }
     const auto& [scenario, mask] = GetParam();
+    Node node;
+    node.log_mask = mask;
+    start_running(node);
+    client = open_parent();
+    kernel::clear_debug_output();
     scenario.run(*this);
+    run_for(20 * kMillisecond); // a pass that completed a request prints its end after it
+    client.reset();
     const std::vector<LogLine> lines = parse_log(log());
     ASSERT_FALSE(lines.empty());
 
@@ -375,7 +337,7 @@ std::string run_name(const testing::TestParamInfo<std::pair<Scenario, ULONG>>& i
            (info.param.second == kEveryCategory ? std::string("all") : std::string(mask));
 }
 
-INSTANTIATE_TEST_SUITE_P(DataPath, LogLines, testing::ValuesIn(runs()), run_name);
+INSTANTIATE_TEST_SUITE_P(Driver, LogLines, testing::ValuesIn(runs()), run_name);
 
 } // namespace
 } // namespace mvgps::test
