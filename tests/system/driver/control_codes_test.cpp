@@ -25,14 +25,15 @@ Bytes bytes_of(const T& record)
     return b;
 }
 
-Bytes fence_record(USHORT length = sizeof(GEOFENCE_PAYLOAD))
+// A fence that watches for entering only.
+Bytes fence_record(USHORT length = sizeof(GEOFENCE_PAYLOAD), USHORT id = kFenceId)
 {
     GPS_GEOFENCE_RECORD r{};
-    r.AnswerId = kFenceId;
+    r.AnswerId = id;
     r.Pid = GPS_GEOFENCE_PID;
     r.Sid = 0;
     r.Length = length;
-    r.Field1 = kFenceId;
+    r.Field1 = id;
     r.Field2 = 481173000;
     r.Field3 = 115166000;
     r.Field4 = 100;
@@ -42,13 +43,14 @@ Bytes fence_record(USHORT length = sizeof(GEOFENCE_PAYLOAD))
     return bytes_of(r);
 }
 
-Bytes fence_query(USHORT id, USHORT length = 4)
+// A fence command (sid 4 queries) naming a fence, with its argument.
+Bytes fence_query(USHORT id, USHORT length = 4, UCHAR sid = 4, UCHAR argument = 0)
 {
-    GPS_GEOFENCE_CMD_RECORD r{kFenceId,
+    GPS_GEOFENCE_CMD_RECORD r{id,
                               GPS_GEOFENCE_PID,
-                              4,
+                              sid,
                               length,
-                              {static_cast<UCHAR>(id), static_cast<UCHAR>(id >> 8), 0, 0}};
+                              {static_cast<UCHAR>(id), static_cast<UCHAR>(id >> 8), argument, 0}};
     return bytes_of(r);
 }
 
@@ -301,6 +303,59 @@ TEST_F(ControlCodes, SleepAndRemovalWithAnUnansweredRawCommand)
     stack().surprise_remove();
     ASSERT_TRUE(pending->wait(sched::current().now() + 5 * kSecond));
     EXPECT_EQ(pending->status(), STATUS_CANCELLED);
+}
+
+// The chip's table decides each answer, and the log names it: statuses 3 and 4 give their
+// results crossed over, and a status the table never gives is forced last. Records the chip
+// cannot take are refused unsent; an answer about another fence is a failure.
+TEST_F(ControlCodes, GeofenceAnswersFollowTheChipsTable)
+{
+    Bytes other_pid = fence_record(), other_sid = fence_record(), other_answer = fence_record();
+    other_pid[2] = 0x31;
+    other_sid[3] = GPS_GEOFENCE_SID_LIMIT;
+    other_answer[0]++; // the chip names the record's fence, not this one
+    struct Step {
+        const char* name;
+        ULONG code;
+        Bytes input;
+        NTSTATUS status;
+        const char* text;
+    };
+    std::vector<Step> steps = {
+        {"pid_0x31", IOCTL_VC_GPS_GEOFENCE_SET, other_pid, STATUS_UNSUCCESSFUL, nullptr},
+        {"sid_7", IOCTL_VC_GPS_GEOFENCE_SET, other_sid, STATUS_UNSUCCESSFUL, nullptr},
+        {"answer_about_another", IOCTL_VC_GPS_GEOFENCE_SET, other_answer, STATUS_UNSUCCESSFUL,
+         nullptr},
+        {"report_unmonitored", IOCTL_VC_GPS_GEOFENCE_CMD, fence_query(kFenceId, 4, 6, 2),
+         STATUS_UNSUCCESSFUL, "invalid transition"},
+        {"pause", IOCTL_VC_GPS_GEOFENCE_CMD, fence_query(kFenceId, 4, 2), STATUS_SUCCESS,
+         "operation success"},
+        {"pause_paused", IOCTL_VC_GPS_GEOFENCE_CMD, fence_query(kFenceId, 4, 2),
+         STATUS_UNSUCCESSFUL, "generic errors"},
+    };
+    for (USHORT id = 1; id < 8; id++) {
+        steps.push_back({"fill", IOCTL_VC_GPS_GEOFENCE_SET,
+                         fence_record(sizeof(GEOFENCE_PAYLOAD), id), STATUS_SUCCESS,
+                         "operation success"});
+    }
+    steps.push_back({"one_too_many", IOCTL_VC_GPS_GEOFENCE_SET,
+                     fence_record(sizeof(GEOFENCE_PAYLOAD), 8), STATUS_UNSUCCESSFUL,
+                     "too many geofences"});
+    for (const Step& step : steps) {
+        SCOPED_TRACE(step.name);
+        kernel::clear_debug_output();
+        expect({step.name, step.code, step.input, 0, step.status});
+        if (step.text != nullptr) {
+            EXPECT_TRUE(logged(step.text));
+        }
+    }
+    EXPECT_EQ(chip_received(GPS_GEOFENCE_PID).size(), steps.size() - 2);
+    EXPECT_TRUE(chip_received(0x31).empty());
+    EXPECT_EQ(chip().state().geofences.size(), 8u);
+
+    chip().set_geofence_status(9);
+    expect({"status_9", IOCTL_VC_GPS_GEOFENCE_CMD, fence_query(kFenceId), 0, STATUS_UNSUCCESSFUL});
+    EXPECT_TRUE(logged("unknown status"));
 }
 
 // The same scenario with the request held as the dispatcher first held it, not cancelable:
