@@ -64,19 +64,9 @@ struct Call {
     Bytes output = {};
 };
 
-class ControlCodes : public DriverTest
+class ControlCodes : public ClientTest
 {
   protected:
-    void SetUp() override
-    {
-        start_running();
-        client_ = open_parent();
-    }
-    void TearDown() override
-    {
-        client_.reset();
-        remove();
-    }
     void expect(const Call& c)
     {
         Bytes out(c.out_length);
@@ -97,7 +87,6 @@ class ControlCodes : public DriverTest
     {
         return client_->ioctl_async(code, record, out);
     }
-    std::unique_ptr<pnp::ClientHandle> client_;
 };
 
 TEST_F(ControlCodes, EveryCodeFromAClient)

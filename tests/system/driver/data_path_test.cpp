@@ -18,19 +18,9 @@ namespace
 constexpr std::uint8_t kOptionPid = 0x22, kOptionSid = 5;
 constexpr std::size_t kAnswerSize = 14;
 
-class DataPath : public DriverTest
+class DataPath : public ClientTest
 {
   protected:
-    void SetUp() override
-    {
-        start_running();
-        client_ = open_parent();
-    }
-    void TearDown() override
-    {
-        client_.reset();
-        remove();
-    }
     std::shared_ptr<pnp::PendingIo> send(ULONG code, std::size_t out = 64)
     {
         return client_->ioctl_async(code, command(kOptionPid, kOptionSid, {1}), out);
@@ -39,7 +29,6 @@ class DataPath : public DriverTest
     {
         return client_->ioctl_async(IOCTL_VC_GPS_START_READ, {}, out);
     }
-    std::unique_ptr<pnp::ClientHandle> client_;
 };
 
 struct AckCase {

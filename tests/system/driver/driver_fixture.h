@@ -127,4 +127,21 @@ class DriverTest : public testing::Test
     std::unique_ptr<io::File> holder_; // another opener of the UART
 };
 
+// A running device with a client of the bus device open, closed before the device goes.
+class ClientTest : public DriverTest
+{
+  protected:
+    void SetUp() override
+    {
+        start_running();
+        client_ = open_parent();
+    }
+    void TearDown() override
+    {
+        client_.reset();
+        remove();
+    }
+    std::unique_ptr<pnp::ClientHandle> client_;
+};
+
 } // namespace mvgps::test

@@ -2,6 +2,7 @@
 // re-runs, the cold start, NMEA output, the assistance walk and the baud-rate switch that
 // follows a rate command. Failures come from the UART refusing the n-th write, so the packet
 // that fails never reaches the chip.
+#include <cstdio>
 #include <cstring>
 #include <optional>
 
@@ -21,19 +22,13 @@ const Id kNmeaOff{0xFF, 2}, kNmeaOn{0xFF, 3}, kNmeaStart{0xFF, 4};
 const Id kMemWrite1{HCI_PID_MEM_WRITE, 1}, kMemRead{HCI_PID_MEM_READ, 0};
 const Id kRf{0x10, 0}, kColdStart{0x20, 6};
 
-class GpsControl : public DriverTest
+class GpsControl : public ClientTest
 {
   protected:
     void SetUp() override
     {
-        start_running();
-        client_ = open_parent();
+        ClientTest::SetUp();
         heard_ = chip_received().size();
-    }
-    void TearDown() override
-    {
-        client_.reset();
-        remove();
     }
     NTSTATUS call(ULONG code, const Bytes& input = {}) { return client_->ioctl(code, input, {}); }
     void fail_write(std::uint64_t n)
@@ -59,7 +54,6 @@ class GpsControl : public DriverTest
         }
         return out;
     }
-    std::unique_ptr<pnp::ClientHandle> client_;
 
   private:
     std::size_t heard_ = 0;
