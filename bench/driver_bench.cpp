@@ -309,8 +309,9 @@ void latency(int count)
             sleep_until(start + 35 * kMillisecond);
         }
     });
+    const char* note = read_thread_note(); // before the line has been quiet for 50 ms
     if (!samples.empty()) {
-        report("latency", samples, kInterval, read_thread_note());
+        report("latency", samples, kInterval, note);
     }
 }
 
@@ -328,6 +329,7 @@ void throughput(int burst, Nanos duration)
     std::uint32_t sent = 0;
     std::uint64_t delivered = 0, out_of_order = 0;
     bool sending = true;
+    const char* note = "";
 
     auto& s = sched::current();
     w.responder().stop();
@@ -342,6 +344,7 @@ void throughput(int burst, Nanos duration)
             }
             w.peer().send_raw(run);
         }
+        note = read_thread_note();
         sleep_until(now() + 100 * kMillisecond);
         sched::StateLock lock(s);
         sending = false;
@@ -382,7 +385,7 @@ void throughput(int burst, Nanos duration)
                 "out of order %llu%s\n",
                 burst, sent / seconds, delivered / seconds, 100.0 * delivered / seconds / wire_rate,
                 wire_rate, static_cast<unsigned long long>(sent - delivered), sent,
-                static_cast<unsigned long long>(out_of_order), read_thread_note());
+                static_cast<unsigned long long>(out_of_order), note);
 }
 
 } // namespace
