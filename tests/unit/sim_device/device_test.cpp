@@ -1,21 +1,14 @@
-// The hosted device: a driver loaded for a device node whose UART resource leads, through the
-// Resource Hub, to the simulated controller, the wire and the chip.
+// The hosted device: what keeps it from starting is said in its error, and a failed start
+// leaves nothing behind. Everything a started device does, the driver's system tests reach
+// through the real driver.
 #include <gtest/gtest.h>
 
-#include "host/pnp/client.h"
-#include "host/pnp/system.h"
 #include "sim/device/device.h"
-#include "sim/testkit/client.h"
-#include "sim/testkit/captures.h"
-#include "uart_probe.h"
 
 namespace mvgps::sim
 {
 namespace
 {
-
-using testkit::Bytes;
-using testkit::bytes_of;
 
 DeviceConfig config(std::string image, std::string capture = {}, std::string tty = {})
 {
@@ -26,86 +19,10 @@ DeviceConfig config(std::string image, std::string capture = {}, std::string tty
     return c;
 }
 
-class HostedDeviceTest : public ::testing::Test
+TEST(HostedDevice, SaysWhatKeepsItFromStarting)
 {
-  protected:
-    void start(DeviceConfig c = config(UART_PROBE_PATH))
-    {
-        std::string error;
-        device = HostedDevice::start(std::move(c), error);
-        ASSERT_NE(device, nullptr) << error;
-        ASSERT_EQ(pnp::ClientHandle::open_interface(GUID_DEVINTERFACE_UART_PROBE, client),
-                  STATUS_SUCCESS);
-    }
-
-    // What the driver's synchronous read returned, with a send timeout of 50 ms.
-    UPROBE_RESULT read(const SERIAL_TIMEOUTS& timeouts, Bytes& data)
-    {
-        Bytes out(sizeof(UPROBE_RESULT) + 2048);
-        ULONG_PTR returned = 0;
-        EXPECT_EQ(
-            client->ioctl(IOCTL_UPROBE_READ, bytes_of(UPROBE_READ{50, timeouts}), out, &returned),
-            STATUS_SUCCESS);
-        UPROBE_RESULT r;
-        std::memcpy(&r, out.data(), sizeof r);
-        data.assign(out.begin() + sizeof r, out.begin() + static_cast<long>(returned));
-        return r;
-    }
-
-    sched::Install sched_{sched::make_simulated(sched::seed_from_env())};
-    std::unique_ptr<HostedDevice> device;
-    std::unique_ptr<pnp::ClientHandle> client;
-};
-
-TEST_F(HostedDeviceTest, ResourceHubLeadsTheDriverToTheControllerAtTheDeviceRate)
-{
-    const auto capture = testkit::nmea_dir() / "bu353s4.log";
-    SKIP_WITHOUT_CAPTURES(capture);
-    start(config(UART_PROBE_PATH, capture.string()));
-    const auto path = pnp::resource_hub_path(kUartConnectionId);
-    EXPECT_EQ(path, u"\\Device\\RESOURCE_HUB\\0000000100000002");
-    EXPECT_EQ(io::lookup(path).get(), &device->controller());
-
-    Bytes out(sizeof(ULONG));
-    ASSERT_EQ(client->ioctl(IOCTL_UPROBE_BAUD, {}, out), STATUS_SUCCESS);
-    EXPECT_EQ(out, bytes_of(ULONG{921600})) << "BaudRateIndex in the device's Parameters";
-    EXPECT_EQ(device->controller().settings().rate, 921600u);
-    EXPECT_EQ(device->chip()->rate(), 921600u);
-
-    std::unique_ptr<io::File> second;
-    EXPECT_EQ(io::open(path, {}, second), STATUS_SHARING_VIOLATION) << "the driver holds it";
-}
-
-TEST_F(HostedDeviceTest, SynchronousReadsEndAsTheFrameworkReportsThem)
-{
-    struct Case {
-        const char* name;
-        bool chip_on;
-        SERIAL_TIMEOUTS timeouts;
-        NTSTATUS status;
-        bool bytes;
-    } cases[] = {
-        {"interval timer ends the read", true, {10, 0, 0, 0, 0}, STATUS_TIMEOUT, true},
-        {"no byte before the send timeout", false, {10, 0, 0, 0, 0}, STATUS_IO_TIMEOUT, false},
-        {"send timeout with bytes so far", true, {0, 0, 0, 0, 0}, STATUS_IO_TIMEOUT, true},
-    };
-    for (const auto& c : cases) {
-        client.reset();
-        device.reset();
-        start();
-        device->chip()->set_power(c.chip_on);
-        testkit::run_for(60 * sched::kMillisecond); // past the chip's boot
-        Bytes data;
-        const UPROBE_RESULT r = read(c.timeouts, data);
-        EXPECT_EQ(r.Status, c.status) << c.name;
-        EXPECT_EQ(r.Bytes, data.size()) << c.name;
-        EXPECT_EQ(!data.empty(), c.bytes) << c.name;
-    }
-}
-
-TEST_F(HostedDeviceTest, SaysWhatKeepsItFromStarting)
-{
-    DeviceConfig no_objects = config(UART_PROBE_PATH);
+    sched::Install sched{sched::make_simulated(sched::seed_from_env())};
+    DeviceConfig no_objects = config(MVGPS_DRIVER_PATH);
     verifier::FaultRule rule;
     rule.site = verifier::Site::Create;
     rule.when = verifier::FaultRule::When::Every;
@@ -115,9 +32,9 @@ TEST_F(HostedDeviceTest, SaysWhatKeepsItFromStarting)
         DeviceConfig config;
         const char* reason;
     } cases[] = {
-        {config(UART_PROBE_PATH, "/nonexistent.log"), "/nonexistent.log"},
+        {config(MVGPS_DRIVER_PATH, "/nonexistent.log"), "/nonexistent.log"},
         {config("/nonexistent.so"), "did not start"},
-        {config(UART_PROBE_PATH, "", "/dev/ttyS0"), "realtime"},
+        {config(MVGPS_DRIVER_PATH, "", "/dev/ttyS0"), "realtime"},
         {no_objects, "did not start"},
     };
     for (auto& c : cases) {
@@ -126,7 +43,8 @@ TEST_F(HostedDeviceTest, SaysWhatKeepsItFromStarting)
         EXPECT_NE(error.find(c.reason), std::string::npos) << error;
     }
     // The failed device took its fault rules with it.
-    start();
+    std::string error;
+    EXPECT_NE(HostedDevice::start(config(MVGPS_DRIVER_PATH), error), nullptr) << error;
 }
 
 } // namespace
