@@ -175,24 +175,5 @@ TEST(Receiver, TimeToFirstFixFollowsTheStartAndTheAssistance)
     }
 }
 
-TEST(Receiver, OutputStopsAndRestartsWithTheNmeaCommands)
-{
-    World w(talking());
-    run_for(2500 * kMs);
-    EXPECT_EQ(epochs(w).size(), 2u);
-    struct Step {
-        const char* name;
-        std::uint8_t sid;
-        bool talking;
-    } steps[] = {{"off", 2, false}, {"sid 4 alone", 4, false}, {"on", 3, true}, {"off", 2, false}};
-    for (const auto& s : steps) {
-        ASSERT_TRUE(w.client.command(kPidNmea, s.sid)) << s.name;
-        w.client.clear();
-        run_for(3 * sched::kSecond);
-        EXPECT_EQ(epochs(w).size(), s.talking ? 3u : 0u) << s.name;
-        EXPECT_FALSE(w.received(kPidStatus).empty()) << "status frames go on";
-    }
-}
-
 } // namespace
 } // namespace mvgps::sim::chip
