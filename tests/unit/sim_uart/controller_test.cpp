@@ -1,5 +1,5 @@
 // The UART controller as the driver's I/O target sees it: serial control codes, read
-// timeouts, the receive FIFO, purge, exclusive open and write timing.
+// timeouts, the receive FIFO, purge and write timing.
 #include <gtest/gtest.h>
 
 #include <numeric>
@@ -203,21 +203,6 @@ TEST(SerialController, PurgeAbortsAndClears)
     EXPECT_EQ(w->information(), 19u) << "the new rate paces the line";
     run_for(200 * kMs);
     EXPECT_EQ(p.far.raw(), Bytes(20, 0x41)) << "the character on the line when aborted leaves";
-}
-
-TEST(SerialController, OneOpenAtATime)
-{
-    Port p;
-    ASSERT_EQ(p.open_status, STATUS_SUCCESS);
-    std::unique_ptr<io::File> second;
-    EXPECT_EQ(p.controller.open({}, second), STATUS_SHARING_VIOLATION);
-    EXPECT_EQ(second, nullptr);
-
-    Bytes buffer(16);
-    auto r = p.read(buffer);
-    p.file.reset();
-    EXPECT_EQ(r->status(), STATUS_CANCELLED) << "closing ends what was pending";
-    EXPECT_EQ(p.controller.open({}, second), STATUS_SUCCESS);
 }
 
 TEST(SerialController, WritesCompleteWhenTheLastByteHasLeft)
