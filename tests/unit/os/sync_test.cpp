@@ -19,27 +19,6 @@ TEST_F(SyncTest, DelayCostsExactlyItsTime)
     }
 }
 
-VOID NTAPI count_run(PVOID context)
-{
-    *static_cast<int*>(context) += 1;
-}
-
-TEST_F(SyncTest, ThreadRunsTheRoutineAtItsPriority)
-{
-    // Priority 0 leaves the thread at the default of 8.
-    for (const auto& [asked, kept] : {std::pair<KPRIORITY, KPRIORITY>{0, 8}, {12, 12}}) {
-        int runs = 0;
-        PVOID thread = nullptr;
-        ASSERT_EQ(OsCreateThread(count_run, &runs, asked, &thread), STATUS_SUCCESS);
-        // The caller owns a reference: the object outlives the thread and can be waited on.
-        EXPECT_EQ(KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr),
-                  STATUS_SUCCESS);
-        EXPECT_EQ(runs, 1);
-        EXPECT_EQ(KeSetPriorityThread(static_cast<PKTHREAD>(thread), 8), kept);
-        ObDereferenceObject(thread);
-    }
-}
-
 VOID NTAPI hold_for_250_ms(PVOID mutex)
 {
     OsAcquireMutex(static_cast<OsMutex*>(mutex));
@@ -111,46 +90,6 @@ TEST_F(SyncTest, SignalWaitResults)
         EXPECT_DOUBLE_EQ(now_ms() - start, 2 * c.elapsed_ms);
     }
     OsFreeSignal(&signal);
-}
-
-struct Waiter {
-    OsSignal* signal;
-    OS_STATUS result = 99; // until the wait returns
-};
-
-// A waiter without a limit is released by a set, however late, or by the signal's free.
-TEST_F(SyncTest, SignalWaitWithoutLimitEndsWhenSetOrFreed)
-{
-    struct Case {
-        const char* name;
-        ULONG delay_ms;
-        void (*release)(OsSignal** signal);
-    };
-    const Case cases[] = {
-        {"set", 600000, [](OsSignal** s) { OsSetSignal(*s); }},
-        {"freed", 10, [](OsSignal** s) { OsFreeSignal(s); }},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        const auto blocks = live_os_blocks();
-        Waiter waiter{};
-        ASSERT_EQ(OsAllocateSignal(&waiter.signal, "Threadread_FinishSignal"), OS_SUCCESS);
-        PVOID thread = start(
-            [](PVOID context) {
-                auto* w = static_cast<Waiter*>(context);
-                w->result = OsWaitForSignal(w->signal, 0);
-            },
-            &waiter);
-        OsDelay(c.delay_ms);
-        EXPECT_EQ(waiter.result, 99u);
-        c.release(&waiter.signal);
-        join(thread);
-        EXPECT_EQ(waiter.result, OS_SUCCESS);
-        if (waiter.signal != nullptr) {
-            OsFreeSignal(&waiter.signal);
-        }
-        EXPECT_EQ(live_os_blocks(), blocks);
-    }
 }
 
 // Mutex and signal records share the identifier field: terminated only when the text is
