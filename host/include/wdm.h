@@ -231,11 +231,6 @@ inline bool operator==(REFGUID a, REFGUID b)
 #define RtlFillMemory(d, n, f) __builtin_memset((d), (f), (n))
 #define RtlZeroMemory(d, n) __builtin_memset((d), 0, (n))
 #define RtlEqualMemory(a, b, n) (__builtin_memcmp((a), (b), (n)) == 0)
-#define RtlCompareMemory(a, b, n) mvgps_RtlCompareMemory((a), (b), (n))
-
-EXTERN_C_START
-SIZE_T NTAPI mvgps_RtlCompareMemory(const VOID* Source1, const VOID* Source2, SIZE_T Length);
-EXTERN_C_END
 
 // ---------------------------------------------------------------------------------------
 // Doubly linked lists, with the integrity checks of the kernel's hardened primitives
@@ -615,10 +610,6 @@ EXTERN_C_END
 EXTERN_C_START
 NTSYSAPI VOID NTAPI RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR SourceString);
 NTSYSAPI VOID NTAPI RtlInitAnsiString(PANSI_STRING DestinationString, PCSZ SourceString);
-NTSYSAPI LONG NTAPI RtlCompareUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2,
-                                            BOOLEAN CaseInSensitive);
-NTSYSAPI BOOLEAN NTAPI RtlEqualUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2,
-                                             BOOLEAN CaseInSensitive);
 // Formats like the kernel's DbgPrint: %I64x, %ws, %wZ, %S and %Z as well as the C formats,
 // with a 32-bit long. Not checked as printf, whose sizes and letters differ.
 ULONG DbgPrint(PCSTR Format, ...);

@@ -161,32 +161,6 @@ DEFINE_GUID(GUID_TEST_SERIAL, 0x86E0D1E0, 0x8089, 0x11D0, 0x9C, 0xE4, 0x08, 0x00
 DEFINE_GUID(GUID_TEST_EMPTY, 0x11111111, 0x2222, 0x3333, 0x44, 0x44, 0x55, 0x55, 0x55, 0x55, 0x55,
             0x55);
 
-// Comparisons give the order of counted strings and the equal prefix of memory.
-TEST(Rtl, Comparisons)
-{
-    UNICODE_STRING a, b;
-    struct Case {
-        const char16_t* a;
-        const char16_t* b;
-        bool case_insensitive;
-        int sign;
-    };
-    const Case cases[] = {
-        {u"abc", u"ABC", false, 1}, {u"abc", u"ABC", true, 0}, {u"abc", u"abd", true, -1},
-        {u"ab", u"abc", false, -1}, {u"", u"", false, 0},
-    };
-    for (const Case& c : cases) {
-        RtlInitUnicodeString(&a, c.a);
-        RtlInitUnicodeString(&b, c.b);
-        LONG r = RtlCompareUnicodeString(&a, &b, c.case_insensitive);
-        EXPECT_EQ((r > 0) - (r < 0), c.sign);
-        EXPECT_EQ(RtlEqualUnicodeString(&a, &b, c.case_insensitive), c.sign == 0);
-    }
-    const UCHAR x[] = {1, 2, 3, 4}, y[] = {1, 2, 9, 4};
-    EXPECT_EQ(RtlCompareMemory(x, y, 4), 2u);
-    EXPECT_EQ(RtlCompareMemory(x, x, 4), 4u);
-}
-
 // A lookup's list is a block of pool under 'IoDI' that the caller frees.
 std::vector<std::u16string> lookup(const GUID* g, NTSTATUS expected = STATUS_SUCCESS)
 {

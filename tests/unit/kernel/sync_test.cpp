@@ -79,42 +79,6 @@ NTSTATUS poll(PVOID object)
     return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, &zero);
 }
 
-// What repeated polls see: a notification event stays set until cleared, a synchronization
-// event lets exactly one wait through. Set and reset report the state they found.
-TEST(Events, SignalStateAcrossWaits)
-{
-    sched::Install s(sched::make_simulated(1));
-    struct Case {
-        EVENT_TYPE type;
-        BOOLEAN initial;
-        bool set;
-        bool clear;
-        std::vector<NTSTATUS> polls;
-    };
-    const Case cases[] = {
-        {NotificationEvent, FALSE, false, false, {STATUS_TIMEOUT, STATUS_TIMEOUT}},
-        {NotificationEvent, FALSE, true, false, {STATUS_SUCCESS, STATUS_SUCCESS}},
-        {NotificationEvent, TRUE, true, true, {STATUS_TIMEOUT}},
-        {SynchronizationEvent, FALSE, true, false, {STATUS_SUCCESS, STATUS_TIMEOUT}},
-        {SynchronizationEvent, TRUE, false, false, {STATUS_SUCCESS, STATUS_TIMEOUT}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << "case " << &c - cases);
-        KEVENT e;
-        KeInitializeEvent(&e, c.type, c.initial);
-        if (c.set) {
-            EXPECT_EQ(KeSetEvent(&e, 0, FALSE), c.initial);
-        }
-        if (c.clear) {
-            KeClearEvent(&e);
-        }
-        for (NTSTATUS expected : c.polls) {
-            EXPECT_EQ(poll(&e), expected);
-        }
-        EXPECT_EQ(KeResetEvent(&e), c.polls.back() == STATUS_SUCCESS);
-    }
-}
-
 // Each set of a synchronization event releases one of the threads blocked on it, a set of a
 // notification event all of them. The set that releases the last may be followed at once by
 // freeing the event, as a signal's owner does at teardown: no waiter touches it afterwards
@@ -233,30 +197,6 @@ TEST(SystemThread, IsNamedAfterItsStartRoutine)
         EXPECT_THAT(name, testing::MatchesRegex(c.expected));
     }
     EXPECT_EQ(leak_report().text, before);
-}
-
-TEST(SpinLock, RaisesToDispatchAndRestoresTheCallersLevel)
-{
-    sched::Install s(sched::make_simulated(11));
-    KSPIN_LOCK a, b;
-    KeInitializeSpinLock(&a);
-    KeInitializeSpinLock(&b);
-    for (KIRQL start : {KIRQL(PASSIVE_LEVEL), KIRQL(APC_LEVEL), KIRQL(DISPATCH_LEVEL)}) {
-        SCOPED_TRACE(testing::Message() << "from IRQL " << int(start));
-        KIRQL entry;
-        KeRaiseIrql(start, &entry);
-        KIRQL old = KeAcquireSpinLockRaiseToDpc(&a);
-        EXPECT_EQ(old, start);
-        KeAcquireSpinLockAtDpcLevel(&b);
-        EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
-        EXPECT_EQ(spin_locks_held(), 2u);
-        KeReleaseSpinLockFromDpcLevel(&b);
-        EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
-        KeReleaseSpinLock(&a, old);
-        EXPECT_EQ(KeGetCurrentIrql(), start);
-        EXPECT_EQ(spin_locks_held(), 0u);
-        KeLowerIrql(entry);
-    }
 }
 
 // Threads that read, yield and write a counter under the lock never lose an update, whatever
