@@ -1,13 +1,8 @@
-#include <ntddser.h>
-
 #include <functional>
 #include <optional>
 #include <vector>
 
 #include "fixture.h"
-#include "host/wdf/faults.h"
-#include "sim/uart/controller.h"
-#include "sim/uart/wire.h"
 #include "host/io/names.h"
 
 namespace mvgps::wdf::test
@@ -56,7 +51,6 @@ class IoTargetTest : public FrameworkTest
         for (auto* t : workers_) {
             sched::current().join(t);
         }
-        faults::clear();
         io::unbind(u"\\Device\\Fake0");
         FrameworkTest::TearDown();
     }
@@ -192,39 +186,6 @@ TEST_F(IoTargetTest, StopCancelsWhatIsInFlightAndHoldsSendsUntilStartOrTimeout)
     EXPECT_EQ(device_->opens, 0) << "closing closed the lower device";
 }
 
-TEST_F(IoTargetTest, InjectedFaultsFailSendsWithoutReachingTheDevice)
-{
-    ASSERT_EQ(open(), STATUS_SUCCESS);
-    device_->serve = [](std::shared_ptr<io::Request> r) { r->complete(STATUS_SUCCESS, 0); };
-    faults::add(faults::fail_control(IOCTL_SERIAL_SET_BAUD_RATE));
-    faults::add(faults::fail_nth_send(2, faults::Op::Read, STATUS_DEVICE_NOT_READY));
-    ULONG rate = 9600;
-    WDF_MEMORY_DESCRIPTOR input;
-    WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&input, &rate, sizeof rate);
-    struct Case {
-        ULONG code; // 0: a read
-        NTSTATUS status;
-    };
-    const Case cases[] = {
-        {IOCTL_SERIAL_SET_BAUD_RATE, STATUS_UNSUCCESSFUL},
-        {IOCTL_SERIAL_SET_LINE_CONTROL, STATUS_SUCCESS},
-        {0, STATUS_SUCCESS},
-        {0, STATUS_DEVICE_NOT_READY},
-        {0, STATUS_SUCCESS},
-    };
-    int reached = 0;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(reached);
-        ULONG_PTR bytes;
-        NTSTATUS status = c.code ? WdfIoTargetSendIoctlSynchronously(
-                                       target_, nullptr, c.code, &input, nullptr, nullptr, &bytes)
-                                 : read({}, &bytes);
-        EXPECT_EQ(status, c.status);
-        reached += NT_SUCCESS(status);
-    }
-    EXPECT_EQ(device_->dispatched, reached);
-}
-
 NTSTATUS VetoRemoval(WDFIOTARGET)
 {
     return STATUS_UNSUCCESSFUL;
@@ -272,28 +233,6 @@ TEST_F(IoTargetTest, TheTargetHearsItsDevicesRemoval)
         EXPECT_EQ(read(10, &bytes), c.send);
         WdfObjectDelete(target_);
     }
-}
-
-TEST_F(IoTargetTest, UnpluggingTheUartControllerEndsTheReadAndTheTarget)
-{
-    sim::uart::Wire wire;
-    auto controller = std::make_shared<sim::uart::SerialController>(wire.a());
-    io::bind(u"\\Device\\Uart0", controller);
-    ASSERT_EQ(open(u"\\Device\\Uart0"), STATUS_SUCCESS);
-    auto& s = sched::current();
-    NTSTATUS status = STATUS_PENDING;
-    ULONG_PTR bytes = 99;
-    auto reader = s.spawn("reader", [&] { status = read({}, &bytes); });
-    s.sleep_until(s.now() + 10 * kMs, "the read waits for bytes");
-    ASSERT_EQ(status, STATUS_PENDING);
-
-    io::remove(u"\\Device\\Uart0"); // a surprise: no query first
-    EXPECT_EQ(status, STATUS_CANCELLED) << "ended before the removal was complete";
-    EXPECT_EQ(bytes, 0u);
-    s.join(reader);
-    EXPECT_EQ(WdfIoTargetGetState(target_), WdfIoTargetDeleted);
-    EXPECT_EQ(read(10, &bytes), STATUS_INVALID_DEVICE_STATE);
-    EXPECT_EQ(io::lookup(u"\\Device\\Uart0"), nullptr);
 }
 
 } // namespace
