@@ -47,10 +47,8 @@
 #define PROBE_FAIL_SELF_MANAGED_IO_INIT 2
 #define PROBE_FAIL_WAKE 3 // D0Entry from a sleep state
 
-// Where the control callback ran, and how many times DriverEntry ran in this load.
+// How many times DriverEntry ran in this load.
 struct PROBE_STATE {
-    ULONG64 Thread;
-    ULONG Irql;
     ULONG Loads;
 };
 

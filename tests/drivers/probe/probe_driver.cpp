@@ -419,8 +419,6 @@ static VOID ProbeDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t Output
     case IOCTL_PROBE_STATE:
         status = WdfRequestRetrieveOutputBuffer(Request, sizeof(*state), (PVOID*)&state, NULL);
         if (NT_SUCCESS(status)) {
-            state->Thread = (ULONG64)KeGetCurrentThread();
-            state->Irql = KeGetCurrentIrql();
             state->Loads = g_Loads;
             WdfRequestCompleteWithInformation(Request, status, sizeof(*state));
             return;

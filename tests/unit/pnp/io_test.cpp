@@ -50,20 +50,6 @@ TEST_F(IoTest, BufferedRequestsReturnInformationBytes)
     }
 }
 
-TEST_F(IoTest, ParallelDefaultQueueRunsTheCallbackOnTheSendingThreadAtPassiveLevel)
-{
-    auto& s = sched::current();
-    ULONG64 sender = 0;
-    PROBE_STATE seen{};
-    s.join(s.spawn("client", [&] {
-        sender = reinterpret_cast<ULONG64>(KeGetCurrentThread());
-        seen = state(*handle_);
-    }));
-    EXPECT_EQ(seen.Thread, sender);
-    EXPECT_NE(seen.Thread, reinterpret_cast<ULONG64>(KeGetCurrentThread()));
-    EXPECT_EQ(seen.Irql, static_cast<ULONG>(PASSIVE_LEVEL));
-}
-
 TEST_F(IoTest, ManualQueueHoldsRequestsUntilRetrievedAndEmptyReportsNoMoreEntries)
 {
     EXPECT_EQ(handle_->ioctl(IOCTL_PROBE_RETRIEVE, {}, {}), STATUS_NO_MORE_ENTRIES);
@@ -74,41 +60,6 @@ TEST_F(IoTest, ManualQueueHoldsRequestsUntilRetrievedAndEmptyReportsNoMoreEntrie
     EXPECT_EQ(handle_->ioctl(IOCTL_PROBE_RETRIEVE, {}, {}), STATUS_SUCCESS);
     ASSERT_TRUE(parked->done());
     EXPECT_EQ(parked->status(), STATUS_SUCCESS);
-}
-
-TEST_F(IoTest, PendingRequestsEndCancelledOnCancelCloseOrRemoval)
-{
-    struct Case {
-        const char* name;
-        void (*end)(IoTest&, PendingIo&);
-    };
-    const Case cases[] = {
-        {"CancelIo", [](IoTest&, PendingIo& io) { io.cancel(); }},
-        {"handle closed", [](IoTest& t, PendingIo&) { t.handle_->close(); }},
-        {"device removed", [](IoTest& t, PendingIo&) { t.stack_->remove(); }},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        handle_ = open();
-        auto parked = handle_->ioctl_async(IOCTL_PROBE_PARK, {}, 0);
-        ASSERT_FALSE(parked->done());
-        c.end(*this, *parked);
-        ASSERT_TRUE(parked->done());
-        EXPECT_EQ(parked->status(), STATUS_CANCELLED);
-    }
-}
-
-TEST_F(IoTest, PowerManagedQueueDeliversOnlyInD0)
-{
-    ASSERT_EQ(stack_->sleep(), STATUS_SUCCESS);
-    std::vector<std::uint8_t> in{9, 8};
-    auto echo = handle_->ioctl_async(IOCTL_PROBE_ECHO, in, 2);
-    EXPECT_FALSE(echo->done()) << "held while the device sleeps";
-    ASSERT_EQ(stack_->wake(), STATUS_SUCCESS);
-    ASSERT_TRUE(echo->done());
-    EXPECT_EQ(echo->status(), STATUS_SUCCESS);
-    EXPECT_EQ(std::vector<std::uint8_t>(echo->output().begin(), echo->output().end()),
-              (std::vector<std::uint8_t>{10, 9}));
 }
 
 // Forwarded under a spin lock, a request reaches a queue that asked for PASSIVE_LEVEL from a
