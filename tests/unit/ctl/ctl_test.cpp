@@ -150,12 +150,6 @@ TEST(Ctl, EachSubcommandSendsItsCodeAndRecord)
 {
     const SendCase cases[] = {
         {{"sleep"}, IOCTL_VC_GPS_SLEEP, "", 0},
-        {{"wakeup"}, IOCTL_VC_GPS_WAKEUP, "", 0},
-        {{"enable-nmea"}, IOCTL_VC_GPS_ENABLE_NMEA, "", 0},
-        {{"disable-nmea"}, IOCTL_VC_GPS_DISABLE_NMEA, "", 0},
-        {{"nmea-off"}, IOCTL_VC_GPS_NMEA_OFF, "", 0},
-        {{"startup"}, IOCTL_VC_GPS_STARTUP, "", 0},
-        {{"feature-off"}, IOCTL_VC_GPS_FEATURE_OFF, "", 0},
         {{"get-download-flag"}, IOCTL_VC_GPS_GET_DOWNLOAD_FLAG, "", 1},
         {{"get-sleep-status"}, IOCTL_VC_GPS_GET_SLEEP_STATUS, "", 4},
         {{"sendcmd", "--pid", "0x20", "--sid", "8"},

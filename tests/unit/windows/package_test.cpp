@@ -334,29 +334,13 @@ TEST_F(WindowsPackage, BaudRateIndexIsADwordUnderParameters)
     EXPECT_GT(std::stoul(entry[4]), 0u);
 }
 
-TEST_F(WindowsPackage, ProjectBuildsTheDriverSourcesForBothConfigurations)
+TEST_F(WindowsPackage, ProjectBuildsExactlyTheDriverSources)
 {
     EXPECT_EQ(included(project, "ClCompile"), driver_files(".cpp"));
     EXPECT_EQ(included(project, "ClInclude"), driver_files(".h"));
     for (const std::string& dirs : tag_values(project, "AdditionalIncludeDirectories")) {
         EXPECT_EQ(dirs.find("host"), std::string::npos)
             << "the WDK's own headers, never the host's";
-    }
-    const struct {
-        const char* tag;
-        std::vector<std::string> expected;
-    } properties[] = {
-        {"ConfigurationType", {"Driver", "Driver"}},
-        {"DriverType", {"KMDF", "KMDF"}},
-        {"SpectreMitigation", {"Spectre", "Spectre"}},
-        {"UseDebugLibraries", {"true", "false"}},
-        {"LanguageStandard", {"stdcpp17"}},
-        {"WarningLevel", {"Level4"}},
-        {"TreatWarningAsError", {"true"}},
-        {"Platform", {"x64", "x64"}},
-    };
-    for (const auto& p : properties) {
-        EXPECT_EQ(tag_values(project, p.tag), p.expected) << p.tag;
     }
 }
 
