@@ -1,26 +1,16 @@
 // Events, waits, system threads and spin locks, in simulated time. System threads run
-// their routine at PASSIVE_LEVEL, carry its name and signal when they end; spin locks raise
-// to DISPATCH_LEVEL, give back the caller's level, and exclude.
+// their routine at PASSIVE_LEVEL and signal when they end; spin locks exclude, and a seeded
+// run of them replays.
 #include <wdm.h>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
 #include <functional>
-#include <string>
-#include <vector>
 
 #include "host/kernel/kernel.h"
 #include "host/sched/sched.h"
-
-// Exported from the test program, as a driver image exports its thread routines.
-extern "C" VOID StartFunc_Named(PVOID context)
-{
-    auto& s = mvgps::sched::current();
-    *static_cast<std::string*>(context) = s.name(s.self());
-}
 
 namespace mvgps::kernel::test
 {
@@ -161,42 +151,6 @@ TEST(Events, WaitTimeouts)
         EXPECT_EQ(after.QuadPart - before.QuadPart, c.expected_ms * kMs);
     }
     EXPECT_LT(std::chrono::steady_clock::now() - wall, std::chrono::seconds(1));
-}
-
-VOID internal_routine(PVOID context)
-{
-    StartFunc_Named(context);
-}
-
-// Threads are named after their routine. The reference the driver keeps for good, taken
-// without naming a type, is host bookkeeping, not pool: it never shows in the leak report.
-TEST(SystemThread, IsNamedAfterItsStartRoutine)
-{
-    sched::Install s(sched::make_simulated(21));
-    std::string before = leak_report().text;
-    struct Case {
-        PKSTART_ROUTINE routine;
-        const char* expected; // regular expression
-    };
-    const Case cases[] = {
-        {StartFunc_Named, "^StartFunc_Named$"},
-        {internal_routine, "^kernel_unit\\+0x[0-9a-f]+$"}, // not exported: where it lies
-    };
-    for (const Case& c : cases) {
-        std::string name;
-        HANDLE h;
-        PVOID thread;
-        ASSERT_EQ(PsCreateSystemThread(&h, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, c.routine,
-                                       &name),
-                  STATUS_SUCCESS);
-        ASSERT_EQ(
-            ObReferenceObjectByHandle(h, THREAD_ALL_ACCESS, nullptr, KernelMode, &thread, nullptr),
-            STATUS_SUCCESS);
-        KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
-        EXPECT_EQ(ZwClose(h), STATUS_SUCCESS);
-        EXPECT_THAT(name, testing::MatchesRegex(c.expected));
-    }
-    EXPECT_EQ(leak_report().text, before);
 }
 
 // Threads that read, yield and write a counter under the lock never lose an update, whatever
