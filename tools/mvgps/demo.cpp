@@ -199,6 +199,9 @@ void Demo::second(int at)
         say(fmt::format("first fix, {:.1f} s after the cold start", *first_fix_));
     }
     row(at);
+    if (session_.revive_if_stalled()) {
+        say("the driver stopped reading the UART; device power-cycled to start it again");
+    }
     control_step(options_.seconds - at);
 }
 

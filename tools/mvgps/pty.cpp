@@ -1,7 +1,9 @@
 #include "tools/mvgps/pty.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -42,6 +44,10 @@ std::unique_ptr<NmeaPty> NmeaPty::open(const std::string& link, std::string& err
     }
     cfmakeraw(&t);
     tcsetattr(slave, TCSANOW, &t);
+    if (const group* dialout = getgrnam("dialout");
+        dialout != nullptr && fchown(slave, static_cast<uid_t>(-1), dialout->gr_gid) == 0) {
+        fchmod(slave, 0660);
+    }
     close(slave);
     if (!link.empty()) {
         unlink(link.c_str());
@@ -67,6 +73,14 @@ bool NmeaPty::reader_present() const
 {
     pollfd p{master_, POLLOUT, 0};
     return poll(&p, 1, 0) >= 0 && (p.revents & POLLHUP) == 0;
+}
+
+// On the master the terminal calls act on the slave's settings.
+std::string NmeaPty::settings() const
+{
+    termios t{};
+    tcgetattr(master_, &t);
+    return std::string(reinterpret_cast<const char*>(&t), sizeof t);
 }
 
 bool NmeaPty::write(const std::string& sentence)

@@ -12,7 +12,9 @@ namespace mvgps::tool
 class NmeaPty
 {
   public:
-    // A new pty in raw mode, its slave also reachable at `link` when one is given.
+    // A new pty in raw mode, its slave also reachable at `link` when one is given. The slave
+    // belongs to group dialout, like a serial port, so a GPS daemon that gave up root can open
+    // it.
     static std::unique_ptr<NmeaPty> open(const std::string& link, std::string& error);
     ~NmeaPty();
     NmeaPty(const NmeaPty&) = delete;
@@ -21,6 +23,9 @@ class NmeaPty
     const std::string& path() const { return path_; }
     // Whether a reader has the slave open now.
     bool reader_present() const;
+    // The line settings as the reader left them: a reader such as gpsd tries a few before it
+    // settles, and flushes what was waiting each time.
+    std::string settings() const;
     // The sentence and CRLF; false when the reader is too slow and it was dropped.
     bool write(const std::string& sentence);
     std::uint64_t dropped() const { return dropped_; }

@@ -23,6 +23,8 @@ namespace
 constexpr sched::Nanos kStep = 100 * sched::kMillisecond;
 // How long the last sentences of a capture may take to come through once the chip sent them.
 constexpr sched::Nanos kDeliveryGrace = 2 * sched::kSecond;
+// A reader counts as ready once its line settings have stayed the same this long.
+constexpr sched::Nanos kReaderSettle = sched::kSecond;
 
 // SIGINT and SIGTERM, blocked in every thread and read from a descriptor, so no system call
 // anywhere in the host is interrupted by them.
@@ -65,6 +67,7 @@ class Runner
   private:
     bool open(std::string& error);
     bool hold_until_reader();
+    bool wait_for_reader();
     void deliver(const std::string& sentence);
     // The capture has been delivered whole (true), or will not be (an error is set).
     bool capture_done(std::string& error);
@@ -114,14 +117,8 @@ bool Runner::hold_until_reader()
         return true;
     }
     session_.control(IOCTL_VC_GPS_DISABLE_NMEA);
-    if (options_.wait_reader) {
-        out_ << "waiting for a reader on " << pty_->path() << "\n" << std::flush;
-        while (!pty_->reader_present()) {
-            if (signals_.raised()) {
-                return false;
-            }
-            session_.pump(session_.now() + kStep, [](const std::string&) {});
-        }
+    if (options_.wait_reader && !wait_for_reader()) {
+        return false;
     }
     if (capture) {
         session_.control(IOCTL_VC_GPS_STARTUP);
@@ -129,6 +126,24 @@ bool Runner::hold_until_reader()
     session_.pump(session_.now() + kStep, [](const std::string&) {});
     session_.count_from_here();
     session_.control(IOCTL_VC_GPS_ENABLE_NMEA);
+    return true;
+}
+
+bool Runner::wait_for_reader()
+{
+    out_ << "waiting for a reader on " << pty_->path() << "\n" << std::flush;
+    std::string seen = pty_->settings();
+    sched::Nanos steady_since = session_.now();
+    while (!pty_->reader_present() || session_.now() - steady_since < kReaderSettle) {
+        if (signals_.raised()) {
+            return false;
+        }
+        session_.pump(session_.now() + kStep, [](const std::string&) {});
+        if (std::string now = pty_->settings(); now != seen || !pty_->reader_present()) {
+            seen = std::move(now);
+            steady_since = session_.now();
+        }
+    }
     return true;
 }
 
@@ -171,6 +186,10 @@ int Runner::run()
     bool ok = hold_until_reader();
     while (ok && !signals_.raised()) {
         session_.pump(session_.now() + kStep, [this](const std::string& s) { deliver(s); });
+        if (session_.revive_if_stalled()) {
+            out_ << "the driver stopped reading the UART; device power-cycled to start it again\n"
+                 << std::flush;
+        }
         if (options_.until_end && (capture_done(error) || !error.empty())) {
             break;
         }

@@ -17,6 +17,8 @@ namespace
 constexpr std::size_t kReadDepth = 64;
 // The read header and the longest frame the driver hands over.
 constexpr std::size_t kReadLength = GPS_READ_HEADER_SIZE + 4096;
+// A reading driver completes a UART read at least every 50 ms.
+constexpr sched::Nanos kReadStall = 500 * sched::kMillisecond;
 
 std::unique_ptr<sched::Scheduler> scheduler(const SessionOptions& o)
 {
@@ -128,6 +130,24 @@ void Session::take(const pnp::PendingIo& read, const SentenceSink& sink)
         counts_.fixes++;
     }
     sink(*sentence);
+}
+
+bool Session::revive_if_stalled()
+{
+    const std::uint64_t reads = device_->controller().stats().reads;
+    if (reads != uart_reads_) {
+        uart_reads_ = reads;
+        uart_reads_since_ = now();
+        return false;
+    }
+    if (now() - uart_reads_since_ < kReadStall) {
+        return false;
+    }
+    device_->stack().sleep();
+    device_->stack().wake();
+    counts_.revivals++;
+    uart_reads_since_ = now();
+    return true;
 }
 
 void Session::count_from_here()

@@ -33,6 +33,7 @@ struct Counts {
     std::uint64_t fixes = 0;     // GGA sentences with a fix
     std::uint64_t cancelled = 0; // reads the driver ended as cancelled
     std::uint64_t failed = 0;    // reads that ended with any other error
+    std::uint64_t revivals = 0;  // power cycles that brought the driver's reading back
 };
 
 using SentenceSink = std::function<void(const std::string& sentence)>;
@@ -61,6 +62,11 @@ class Session
                      std::span<std::uint8_t> output = {}, ULONG_PTR* information = nullptr);
     // Takes what the driver delivers until `deadline`, keeping the reads topped up.
     void pump(sched::Nanos deadline, const SentenceSink& sink);
+    // The driver stops reading for good when a UART read sees no byte within 50 ms: on a
+    // loaded machine in real time the chip's next frame can come that late. When the UART has
+    // completed no read for a while, the device goes to D3 and back to D0, which starts the
+    // driver's threads and the chip start-up again. True when it did so.
+    bool revive_if_stalled();
     // Counting starts again from here; losses are measured against the chip from here on.
     void count_from_here();
     const Counts& counts() const { return counts_; }
@@ -78,6 +84,8 @@ class Session
     std::deque<std::shared_ptr<pnp::PendingIo>> reads_;
     Counts counts_;
     std::uint64_t chip_nmea_at_start_ = 0;
+    std::uint64_t uart_reads_ = 0;
+    sched::Nanos uart_reads_since_ = 0;
 };
 
 } // namespace mvgps::tool

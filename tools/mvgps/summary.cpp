@@ -46,6 +46,10 @@ void print(const Summary& s, std::ostream& out)
         out << fmt::format("  reads ended  {} cancelled, {} failed\n", s.counts.cancelled,
                            s.counts.failed);
     }
+    if (s.counts.revivals > 0) {
+        out << fmt::format("  revivals     {} power cycles to restart the driver's reading\n",
+                           s.counts.revivals);
+    }
     if (s.first_fix_seconds) {
         out << fmt::format("  first fix    {:.1f} s after the cold start\n", *s.first_fix_seconds);
     }
@@ -69,6 +73,7 @@ nlohmann::json to_json(const Summary& s)
         {"fixes", s.counts.fixes},
         {"cancelled_reads", s.counts.cancelled},
         {"failed_reads", s.counts.failed},
+        {"revivals", s.counts.revivals},
         {"losses", s.losses ? nlohmann::json(*s.losses) : nlohmann::json()},
         {"first_fix_seconds",
          s.first_fix_seconds ? nlohmann::json(*s.first_fix_seconds) : nlohmann::json()},
