@@ -9,7 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tools/mvgps/hex.h"
+#include "tools/ctl/hex.h"
 
 namespace mvgps::tool
 {
@@ -19,14 +19,14 @@ std::unique_ptr<ControlClient> ControlClient::connect(const std::string& path, s
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
     if (path.size() >= sizeof a.sun_path) {
-        error = "no device: " + path + " is too long for a socket path";
+        error = path + " is too long for a socket path";
         return nullptr;
     }
     std::memcpy(a.sun_path, path.c_str(), path.size() + 1);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0 || ::connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0) {
-        error = "no device: nothing serves " + path + " (" + std::strerror(errno) +
-                "; start `mvgps run` first)";
+        error =
+            "nothing serves " + path + " (" + std::strerror(errno) + "; start `mvgps run` first)";
         if (fd >= 0) {
             close(fd);
         }
@@ -57,18 +57,19 @@ bool ControlClient::read_line(std::string& line)
     }
 }
 
-bool ControlClient::request(std::uint32_t code, std::span<const std::uint8_t> input,
-                            std::uint32_t output_length, ControlReply& reply, std::string& error)
+bool ControlClient::control(std::uint32_t code, const std::vector<std::uint8_t>& input,
+                            std::uint32_t output_length, ctl::Reply& reply, std::string& error)
 {
     const std::string line =
-        nlohmann::json{{"code", code}, {"in", to_hex(input)}, {"out", output_length}}.dump() + "\n";
+        nlohmann::json{{"code", code}, {"in", ctl::to_hex(input)}, {"out", output_length}}.dump() +
+        "\n";
     if (send(fd_, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
-        error = "no device: the control socket closed";
+        error = "the control socket closed";
         return false;
     }
     std::string answer;
     if (!read_line(answer)) {
-        error = "no device: the control socket closed before the answer";
+        error = "the control socket closed before the answer";
         return false;
     }
     const auto j = nlohmann::json::parse(answer, nullptr, false);
@@ -78,7 +79,7 @@ bool ControlClient::request(std::uint32_t code, std::span<const std::uint8_t> in
     }
     reply.status = j.value("status", std::uint32_t{0});
     reply.information = j.value("information", std::uint64_t{0});
-    if (!from_hex(j.value("out", std::string()), reply.output)) {
+    if (!ctl::parse_hex(j.value("out", std::string()), reply.output)) {
         error = "an answer whose output is not hex";
         return false;
     }

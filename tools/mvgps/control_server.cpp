@@ -12,7 +12,7 @@
 
 #include "control/control.h"
 #include "host/pnp/client.h"
-#include "tools/mvgps/hex.h"
+#include "tools/ctl/hex.h"
 
 namespace mvgps::tool
 {
@@ -175,7 +175,7 @@ std::string ControlServer::answer(const std::string& line)
     }
     std::vector<std::uint8_t> input;
     if (request.contains("in") &&
-        (!request["in"].is_string() || !from_hex(request["in"].get<std::string>(), input))) {
+        (!request["in"].is_string() || !ctl::parse_hex(request["in"].get<std::string>(), input))) {
         return error("\"in\" is not hex").dump();
     }
     const std::uint64_t out = request.value("out", std::uint64_t{0});
@@ -197,7 +197,7 @@ std::string ControlServer::answer(const std::string& line)
     const auto output = io->output().first(std::min<std::size_t>(io->information(), out));
     return nlohmann::json{{"status", static_cast<std::uint32_t>(io->status())},
                           {"information", static_cast<std::uint64_t>(io->information())},
-                          {"out", to_hex(output)}}
+                          {"out", ctl::to_hex(output)}}
         .dump();
 }
 

@@ -7,7 +7,7 @@
 
 #include "control/control.h"
 #include "sim/chip/protocol.h"
-#include "tools/mvgps/frames.h"
+#include "tools/mvgps/fix.h"
 #include "tools/mvgps/summary.h"
 
 namespace mvgps::tool
@@ -119,7 +119,8 @@ void Demo::show_commands_heard(std::size_t from)
 void Demo::code(ULONG code, const char* what)
 {
     const NTSTATUS status = session_.control(code);
-    say(fmt::format("{} ({}): {}", gps_control_code_name(code), what, status_text(status)));
+    say(fmt::format("{} ({}): {}", gps_control_code_name(code), what,
+                    status_text(static_cast<std::uint32_t>(status))));
 }
 
 std::uint32_t Demo::status_read(ULONG code, std::size_t length)
@@ -129,7 +130,7 @@ std::uint32_t Demo::status_read(ULONG code, std::size_t length)
     const NTSTATUS status = session_.control(code, {}, std::span(out, length), &information);
     const std::uint32_t value = out[0] | out[1] << 8 | out[2] << 16 | std::uint32_t{out[3]} << 24;
     say(fmt::format("{}: {}, {} byte(s) back, value {}", gps_control_code_name(code),
-                    status_text(status), information, value));
+                    status_text(static_cast<std::uint32_t>(status)), information, value));
     return value;
 }
 

@@ -7,6 +7,8 @@
 #include <CLI/CLI.hpp>
 
 #include "host/sched/sched.h"
+#include "tools/ctl/ctl.h"
+#include "tools/mvgps/control_client.h"
 #include "tools/mvgps/control_server.h"
 #include "tools/mvgps/demo.h"
 #include "tools/mvgps/run.h"
@@ -87,6 +89,11 @@ int main(int argc, char** argv)
     run_cmd->add_flag("--json", run.json, "print the summary as JSON (the rest to stderr)");
     run_cmd->add_flag("--trace", trace, "show the driver's debug log on stderr");
 
+    std::string control = default_control_path();
+    CLI::App* ctl_cmd = app.add_subcommand("ctl", "send one control code to a running `mvgps run`");
+    ctl_cmd->add_option("--control", control, "the run's control socket")->capture_default_str();
+    mvgps::ctl::Commands commands(*ctl_cmd);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -105,6 +112,13 @@ int main(int argc, char** argv)
     }
     if (*run_cmd) {
         return run_device(run);
+    }
+    if (*ctl_cmd) {
+        return commands.run(
+            [&](std::string& error) -> std::unique_ptr<mvgps::ctl::Transport> {
+                return ControlClient::connect(control, error);
+            },
+            std::cout, std::cerr);
     }
     return kBadUsage;
 }

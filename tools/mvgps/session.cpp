@@ -4,7 +4,8 @@
 
 #include "control/control.h"
 #include "host/kernel/kernel.h"
-#include "tools/mvgps/frames.h"
+#include "tools/ctl/decode.h"
+#include "tools/mvgps/fix.h"
 
 namespace mvgps::tool
 {
@@ -113,15 +114,16 @@ void Session::take(const pnp::PendingIo& read, const SentenceSink& sink)
         counts_.failed++;
         return;
     }
-    const auto output = read.output();
-    const auto frame =
-        read_frame(output.first(std::min<std::size_t>(read.information(), output.size())));
-    if (!frame) {
+    const auto output =
+        read.output().first(std::min<std::size_t>(read.information(), read.output().size()));
+    ctl::Frame frame;
+    if (output.size() < GPS_READ_HEADER_SIZE ||
+        !ctl::decode_frame(output.subspan(GPS_READ_HEADER_SIZE), frame)) {
         counts_.failed++;
         return;
     }
     counts_.frames++;
-    const auto sentence = sentence_of(*frame);
+    const auto sentence = ctl::nmea_sentence(frame);
     if (!sentence) {
         return;
     }

@@ -2,29 +2,15 @@
 
 #include <fmt/format.h>
 
+#include "tools/ctl/decode.h"
+
 namespace mvgps::tool
 {
 
-std::string status_text(NTSTATUS status)
+std::string status_text(std::uint32_t status)
 {
-    switch (static_cast<std::uint32_t>(status)) {
-    case 0x00000000u:
-        return "STATUS_SUCCESS";
-    case 0xC0000001u:
-        return "STATUS_UNSUCCESSFUL";
-    case 0xC000000Du:
-        return "STATUS_INVALID_PARAMETER";
-    case 0xC0000023u:
-        return "STATUS_BUFFER_TOO_SMALL";
-    case 0xC0000120u:
-        return "STATUS_CANCELLED";
-    case 0xC00000BBu:
-        return "STATUS_NOT_SUPPORTED";
-    case 0xC0000184u:
-        return "STATUS_INVALID_DEVICE_STATE";
-    default:
-        return fmt::format("0x{:08X}", static_cast<std::uint32_t>(status));
-    }
+    const std::string name = ctl::status_name(status);
+    return name.empty() ? fmt::format("0x{:08X}", status) : name;
 }
 
 void print(const Summary& s, std::ostream& out)

@@ -31,6 +31,6 @@ void print(const Summary& s, std::ostream& out);
 nlohmann::json to_json(const Summary& s);
 
 // The name of a status the driver completes requests with, or its value in hex.
-std::string status_text(NTSTATUS status);
+std::string status_text(std::uint32_t status);
 
 } // namespace mvgps::tool

@@ -16,9 +16,11 @@
 #include "control/control.h"
 #include "sim/chip/chip.h"
 #include "sim/uart/tty_line.h"
+#include "program.h"
 #include "tests/support/process.h"
 #include "tools/mvgps/control_client.h"
-#include "tools/mvgps/frames.h"
+#include "tools/ctl/decode.h"
+#include "tools/mvgps/fix.h"
 
 namespace mvgps::test
 {
@@ -79,16 +81,23 @@ TEST(Tty, DriverReadsTheChipAcrossAPtyAndClientsGetItsNmea)
     std::string error;
     auto client = tool::ControlClient::connect(dir.path("control.sock"), error);
     ASSERT_TRUE(client) << error;
-    tool::ControlReply reply;
-    ASSERT_TRUE(client->request(IOCTL_VC_GPS_GET_SLEEP_STATUS, {}, 4, reply, error)) << error;
+    ctl::Reply reply;
+    ASSERT_TRUE(client->control(IOCTL_VC_GPS_GET_SLEEP_STATUS, {}, 4, reply, error)) << error;
     EXPECT_EQ(reply.status, 0u);
     EXPECT_EQ(reply.information, 1u);
     // It waits behind the program's own reads: some sixty frames, a few seconds.
-    ASSERT_TRUE(client->request(IOCTL_VC_GPS_START_READ, {}, 4112, reply, error)) << error;
+    ASSERT_TRUE(client->control(IOCTL_VC_GPS_START_READ, {}, 4112, reply, error)) << error;
     EXPECT_EQ(reply.status, 0u);
-    const auto frame = tool::read_frame(reply.output);
-    ASSERT_TRUE(frame) << "a start-read brings back the header and one frame";
+    ctl::Frame frame;
+    ASSERT_GT(reply.output.size(), GPS_READ_HEADER_SIZE);
+    EXPECT_TRUE(ctl::decode_frame(std::span(reply.output).subspan(GPS_READ_HEADER_SIZE), frame))
+        << "a start-read brings back the header and one frame";
     client.reset();
+    const Outcome ctl =
+        run_program({"ctl", "--control", dir.path("control.sock"), "--json", "get-download-flag"});
+    EXPECT_EQ(ctl.status, 0) << ctl.out;
+    EXPECT_EQ(nlohmann::json::parse(ctl.out, nullptr, false).value("download_flag", -1), 1)
+        << ctl.out;
 
     run->signal(SIGTERM);
     ASSERT_EQ(run->wait(10s), 0);
@@ -100,6 +109,8 @@ TEST(Tty, DriverReadsTheChipAcrossAPtyAndClientsGetItsNmea)
     EXPECT_EQ(summary["pool_left"], 0);
     // The driver's start-up crossed the pty: NMEA off and on at least.
     EXPECT_GE(chip.stats().frames_received, 2u);
+    EXPECT_EQ(run_program({"ctl", "--control", dir.path("control.sock"), "sleep"}).status, 2)
+        << "no device once the run has stopped";
 }
 
 } // namespace

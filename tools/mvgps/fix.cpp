@@ -1,6 +1,4 @@
-#include "tools/mvgps/frames.h"
-
-#include "control/control.h"
+#include "tools/mvgps/fix.h"
 
 #include <cstdlib>
 #include <vector>
@@ -43,50 +41,10 @@ double degrees(std::string_view value, std::string_view hemisphere)
 
 } // namespace
 
-std::optional<sim::chip::Frame> read_frame(std::span<const std::uint8_t> output)
-{
-    if (output.size() <= GPS_READ_HEADER_SIZE) {
-        return std::nullopt;
-    }
-    std::optional<sim::chip::Frame> frame;
-    sim::chip::FrameParser parser;
-    parser.feed(output.subspan(GPS_READ_HEADER_SIZE),
-                [&](const sim::chip::Frame& f, sim::chip::FrameParser::Verdict v) {
-                    if (!frame && v == sim::chip::FrameParser::Verdict::Good) {
-                        frame = f;
-                    }
-                });
-    return frame;
-}
-
-std::optional<std::string> sentence_of(const sim::chip::Frame& frame)
-{
-    std::string text(frame.payload.begin(), frame.payload.end());
-    if (text.empty() || (text[0] != '$' && text[0] != '!')) {
-        return std::nullopt;
-    }
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
-        text.pop_back();
-    }
-    return text;
-}
-
-std::string_view sentence_type(std::string_view sentence)
-{
-    const auto comma = sentence.find(',');
-    if (comma == std::string_view::npos || comma < 4) {
-        return {};
-    }
-    return sentence.substr(comma - 3, 3);
-}
-
 std::optional<Fix> parse_gga(std::string_view sentence)
 {
-    if (sentence_type(sentence) != "GGA") {
-        return std::nullopt;
-    }
     const auto f = fields(sentence);
-    if (f.size() < 10) {
+    if (f.size() < 10 || f[0].size() < 6 || !f[0].ends_with("GGA")) {
         return std::nullopt;
     }
     Fix fix;
