@@ -19,7 +19,7 @@ void print(const Summary& s, std::ostream& out)
                        "  source       {} at {} bit/s\n"
                        "  run time     {:.1f} s of device time in {:.2f} s of wall time ({})\n"
                        "  frames       {} delivered to client reads\n"
-                       "  sentences    {} NMEA, {} with a fix\n",
+                       "  sentences    {} NMEA, {} of them GGA with a fix\n",
                        s.source, s.rate, s.device_seconds, s.wall_seconds,
                        s.simulated ? "simulated" : "real time", s.counts.frames, s.counts.sentences,
                        s.counts.fixes);

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include <nlohmann/json.hpp>
 
@@ -43,6 +42,31 @@ bool checksum_holds(const std::string& s)
     return std::stoul(s.substr(star + 1, 2), nullptr, 16) == sum;
 }
 
+// Up to `count` lines from a tty, for no longer than `limit`.
+std::vector<std::string> read_lines(const std::string& path, std::size_t count,
+                                    std::chrono::milliseconds limit)
+{
+    const int fd = open(path.c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK);
+    std::vector<std::string> lines;
+    std::string partial;
+    wait_for(
+        [&] {
+            char chunk[512];
+            for (ssize_t n; (n = read(fd, chunk, sizeof chunk)) > 0;) {
+                partial.append(chunk, static_cast<std::size_t>(n));
+            }
+            for (std::size_t end; (end = partial.find("\r\n")) != std::string::npos;) {
+                lines.push_back(partial.substr(0, end));
+                partial.erase(0, end + 2);
+            }
+            return lines.size() >= count;
+        },
+        limit);
+    close(fd);
+    lines.resize(std::min(lines.size(), count));
+    return lines;
+}
+
 TEST(Tty, DriverReadsTheChipAcrossAPtyAndClientsGetItsNmea)
 {
     sched::Install realtime(sched::make_realtime());
@@ -66,11 +90,7 @@ TEST(Tty, DriverReadsTheChipAcrossAPtyAndClientsGetItsNmea)
     ASSERT_TRUE(run);
     ASSERT_TRUE(wait_for([&] { return std::filesystem::exists(dir.path("control.sock")); }, 10s));
 
-    std::ifstream reader(nmea);
-    std::vector<std::string> sentences;
-    for (std::string s; sentences.size() < 15 && std::getline(reader, s);) {
-        sentences.push_back(s.substr(0, s.find('\r')));
-    }
+    const std::vector<std::string> sentences = read_lines(nmea, 15, 30s);
     ASSERT_EQ(sentences.size(), 15u);
     for (const std::string& s : sentences) {
         EXPECT_TRUE(checksum_holds(s)) << s;
