@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -105,6 +106,19 @@ bool wait_for(const std::function<bool()>& done, std::chrono::milliseconds limit
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return true;
+}
+
+std::string too_busy_for_real_time()
+{
+    double load = 0;
+    std::ifstream("/proc/loadavg") >> load;
+    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    if (load <= 2.0 * cores) {
+        return {};
+    }
+    return "the machine is too busy for a real-time run of the driver (load " +
+           std::to_string(load) + " on " + std::to_string(cores) +
+           " cores): its 50 ms UART read timeout cannot hold";
 }
 
 std::string find_program(const std::string& name)

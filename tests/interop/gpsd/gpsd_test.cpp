@@ -20,6 +20,9 @@ using namespace std::chrono_literals;
 #define SKIP_WITHOUT_GPSD()                                                                        \
     if (const std::string why = gpsd_missing(); !why.empty()) {                                    \
         GTEST_SKIP() << why;                                                                       \
+    }                                                                                              \
+    if (const std::string why = too_busy_for_real_time(); !why.empty()) {                          \
+        GTEST_SKIP() << why;                                                                       \
     }
 
 // In real time a loaded machine can hold the simulated chip up past the driver's read
