@@ -109,15 +109,11 @@ ControlServer::~ControlServer()
     stop_ = true;
     shutdown(listen_fd_, SHUT_RDWR);
     acceptor_.join();
-    std::list<Connection> done;
-    {
-        std::lock_guard guard(lock_);
-        for (Connection& c : connections_) {
-            shutdown(c.fd, SHUT_RDWR);
-        }
-        done.swap(connections_);
+    // No connection comes or goes now: only the acceptor adds or reaps them.
+    for (Connection& c : connections_) {
+        shutdown(c.fd, SHUT_RDWR);
     }
-    for (Connection& c : done) {
+    for (Connection& c : connections_) {
         c.thread.join();
         close(c.fd);
     }
@@ -136,7 +132,26 @@ void ControlServer::accept_loop()
             return;
         }
         std::lock_guard guard(lock_);
-        connections_.push_back({fd, std::thread([this, fd] { serve(fd); })});
+        reap();
+        Connection& c = connections_.emplace_back();
+        c.fd = fd;
+        c.thread = std::thread([this, &c] {
+            serve(c.fd);
+            c.done = true;
+        });
+    }
+}
+
+void ControlServer::reap()
+{
+    for (auto c = connections_.begin(); c != connections_.end();) {
+        if (!c->done) {
+            ++c;
+            continue;
+        }
+        c->thread.join();
+        close(c->fd);
+        c = connections_.erase(c);
     }
 }
 

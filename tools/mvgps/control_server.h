@@ -37,11 +37,14 @@ class ControlServer
 
   private:
     struct Connection {
-        int fd;
+        int fd = -1;
+        std::atomic<bool> done{false};
         std::thread thread;
     };
     ControlServer(int fd, std::string path);
     void accept_loop();
+    // Joins and closes the connections whose clients have gone (lock_ held).
+    void reap();
     void serve(int fd);
     std::string answer(const std::string& line);
 
