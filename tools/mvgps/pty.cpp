@@ -85,10 +85,16 @@ std::string NmeaPty::settings() const
 
 bool NmeaPty::write(const std::string& sentence)
 {
+    // Without a reader the lines would pile up in the terminal and reach the next reader
+    // stale; the program must not wait for one either, its reads are waiting to be renewed.
+    if (!reader_present()) {
+        dropped_++;
+        return false;
+    }
     const std::string line = sentence + "\r\n";
     std::size_t done = 0;
     // A reader that falls behind gets a short wait before the line is given up.
-    for (int tries = 0; done < line.size() && tries < 50; ++tries) {
+    for (int tries = 0; done < line.size() && tries < 10; ++tries) {
         const ssize_t n = ::write(master_, line.data() + done, line.size() - done);
         if (n > 0) {
             done += static_cast<std::size_t>(n);
@@ -98,7 +104,7 @@ bool NmeaPty::write(const std::string& sentence)
             break;
         }
         pollfd p{master_, POLLOUT, 0};
-        poll(&p, 1, 10);
+        poll(&p, 1, 5);
     }
     if (done < line.size()) {
         dropped_++;

@@ -26,7 +26,8 @@ class NmeaPty
     // The line settings as the reader left them: a reader such as gpsd tries a few before it
     // settles, and flushes what was waiting each time.
     std::string settings() const;
-    // The sentence and CRLF; false when the reader is too slow and it was dropped.
+    // The sentence and CRLF; false when it was dropped, for want of a reader or because the
+    // reader is too slow.
     bool write(const std::string& sentence);
     std::uint64_t dropped() const { return dropped_; }
 

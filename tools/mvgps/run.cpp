@@ -152,8 +152,7 @@ void Runner::deliver(const std::string& sentence)
     if (options_.until_end && written_ >= capture_sentences_) {
         return; // the capture's next loop
     }
-    pty_->write(sentence);
-    written_++;
+    written_ += pty_->write(sentence);
 }
 
 bool Runner::capture_done(std::string& error)
