@@ -69,7 +69,7 @@ class Demo
     }
     static double seconds(sched::Nanos t) { return static_cast<double>(t) / sched::kSecond; }
     void show_start();
-    void show_commands_heard(std::size_t from);
+    void show_commands_heard(sched::Nanos since);
     void second(int at);
     void row(int at);
     void control_step(int left);
@@ -96,16 +96,14 @@ void Demo::show_start()
 }
 
 // The chip's side of the start-up sequence (and of the later codes): the commands it heard.
-void Demo::show_commands_heard(std::size_t from)
+void Demo::show_commands_heard(sched::Nanos since)
 {
     if (session_.chip() == nullptr) {
         return;
     }
-    const auto trace = session_.chip()->trace();
     std::string line;
-    for (std::size_t i = from; i < trace.size(); ++i) {
-        const chip::TraceEntry& e = trace[i];
-        if (e.sent) {
+    for (const chip::TraceEntry& e : session_.chip()->trace()) {
+        if (e.sent || e.time < since) {
             continue;
         }
         line += fmt::format("{}{} ({:02X}/{})", line.empty() ? "" : ", ", command_name(e.frame),
@@ -142,9 +140,9 @@ void Demo::control_step(int left)
         status_read(IOCTL_VC_GPS_GET_SLEEP_STATUS, 4);
         break;
     case kWakeAt: {
-        const std::size_t heard = session_.chip() ? session_.chip()->trace().size() : 0;
+        const sched::Nanos since = session_.now();
         code(IOCTL_VC_GPS_WAKEUP, "runs the chip start-up again");
-        show_commands_heard(heard);
+        show_commands_heard(since);
         status_read(IOCTL_VC_GPS_GET_SLEEP_STATUS, 4);
         status_read(IOCTL_VC_GPS_GET_DOWNLOAD_FLAG, 1);
         break;
