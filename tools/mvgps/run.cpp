@@ -23,8 +23,9 @@ namespace
 constexpr sched::Nanos kStep = 100 * sched::kMillisecond;
 // How long the last sentences of a capture may take to come through once the chip sent them.
 constexpr sched::Nanos kDeliveryGrace = 2 * sched::kSecond;
-// A reader counts as ready once its line settings have stayed the same this long.
-constexpr sched::Nanos kReaderSettle = sched::kSecond;
+// A reader counts as ready once its line settings have stayed the same this long: gpsd
+// changes them every 0.2 s or so while it opens a device, later on a busy machine.
+constexpr sched::Nanos kReaderSettle = 2 * sched::kSecond;
 
 // SIGINT and SIGTERM, blocked in every thread and read from a descriptor, so no system call
 // anywhere in the host is interrupted by them.

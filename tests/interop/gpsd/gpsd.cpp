@@ -159,7 +159,7 @@ bool FeedPty::wait_settled()
                 seen = now;
                 since = std::chrono::steady_clock::now();
             }
-            return std::chrono::steady_clock::now() - since > 1s;
+            return std::chrono::steady_clock::now() - since > 2s;
         },
         10s);
 }
