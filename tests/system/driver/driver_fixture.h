@@ -83,6 +83,8 @@ class DriverTest : public testing::Test
     // Removes the device, unloads the driver and takes the world down.
     void remove();
 
+    // Whether start() has built the world (it may still be starting the device).
+    bool built() const { return device_ != nullptr; }
     pnp::DeviceStack& stack() { return device_->stack(); }
     sim::chip::Chip& chip() { return *device_->chip(); }
     sim::uart::SerialController& uart() { return device_->controller(); }

@@ -1,0 +1,52 @@
+// What every stress scenario shares: the whole driver through the system tests' fixture,
+// random points drawn from the run's seed, requests that must each end with a status, and
+// the check that the device still delivers what the chip sends.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "host/sched/random.h"
+#include "tests/system/driver/driver_fixture.h"
+
+namespace mvgps::test
+{
+
+using Bytes = std::vector<std::uint8_t>;
+
+// A raw command record as a client frames it: header, then the payload.
+Bytes command_record(std::uint8_t pid, std::uint8_t sid, const Bytes& payload);
+// The chip's baud-rate command for this rate.
+Bytes rate_record(std::uint32_t rate);
+
+class StressTest : public DriverTest
+{
+  protected:
+    StressTest();
+    ~StressTest() override;
+
+    // A time in [lo, hi] from the scenario's own stream of the seed.
+    sched::Nanos pick(sched::Nanos lo, sched::Nanos hi);
+    bool coin(double p = 0.5);
+    // Runs `body` on a thread of its own after `delay`; joined by join_all().
+    void after(sched::Nanos delay, std::function<void()> body);
+    void join_all();
+
+    // Sends a request that must end with a status by the end of the scenario.
+    std::shared_ptr<pnp::PendingIo> send(pnp::ClientHandle& h, ULONG code, const Bytes& in = {},
+                                         std::size_t out = 512);
+    // Every request sent ends, with any status, within five seconds.
+    void expect_all_ended();
+    // A read posted now completes with a frame the chip sent after it was posted.
+    void expect_fresh_read(pnp::ClientHandle& h);
+    // The same through a handle opened for the check, on the parent and on the child.
+    void expect_working();
+
+  private:
+    sched::Random random_;
+    std::vector<sched::Thread*> threads_;
+    std::vector<std::shared_ptr<pnp::PendingIo>> sent_;
+};
+
+} // namespace mvgps::test
