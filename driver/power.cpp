@@ -3,15 +3,19 @@
 #include "control/gps.h"
 #include "driver/lifecycle.h"
 #include "read/read.h"
+#include "uart/line.h"
 #include "uart/uart.h"
 
 // Back from low power: the line, both threads and the chip's start-up again. A line the UART
-// refuses is logged and the transition still succeeds, with reading left stopped.
+// refuses is logged and the transition still succeeds, with reading left stopped. What the
+// chip sent while nothing read is stale, and a backlog of a full read would end the new
+// read thread at its first read, so it is thrown away first.
 static VOID resume_device(FdoExtension* ext)
 {
     if (!FdoSetupLine(ext->UartIoTarget, ext->BaudRate, "FdoDevD0Entry", DBG_OS)) {
         return;
     }
+    UartPurgeRx(ext);
     MvDbgPrintAs("FdoDevD0Entry", DBG_ERROR, "Sleep to wakeup!!!!!!!!!!!");
     if (!NT_SUCCESS(FdoStartThreads(ext, "FdoDevD0Entry"))) {
         return;

@@ -4,7 +4,7 @@
 #include "read/read.h"
 #include "uart/uart.h"
 
-static VOID purge_rx(FdoExtension* Context)
+_Use_decl_annotations_ VOID UartPurgeRx(FdoExtension* Context)
 {
     ULONG mask = UART_PURGE_RX;
     (VOID) SerialSendIoSync(Context->UartIoTarget, IOCTL_SERIAL_PURGE, sizeof(mask), &mask);
@@ -56,7 +56,7 @@ static LONG set_rate_and_format(FdoExtension* Context, ULONG BaudRate)
         MvDbgPrintAs("change_baudrate", DBG_ERROR, "Failed to set baudrate");
         return -1;
     }
-    purge_rx(Context);
+    UartPurgeRx(Context);
     trace_rate(Context);
     SERIAL_LINE_CONTROL line = {STOP_BIT_1, NO_PARITY, 8};
     if (!SerialSendIoSync(Context->UartIoTarget, IOCTL_SERIAL_SET_LINE_CONTROL, sizeof(line),
@@ -74,7 +74,7 @@ _Use_decl_annotations_ LONG change_baudrate(FdoExtension* Context, ULONG BaudRat
     // reads would start another that the purge no longer reaches, and a line busy at the
     // old rate could keep it reading; with reads switched off it ends at its next one.
     WriteULongRelease(&Context->ReadEnable_flag, 0);
-    purge_rx(Context);
+    UartPurgeRx(Context);
     await_read_thread(Context);
     trace_rate(Context);
     if (set_rate_and_format(Context, BaudRate) != 0) {

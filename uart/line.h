@@ -10,6 +10,9 @@
 // Cancels the read in flight and empties the receive side.
 #define UART_PURGE_RX (SERIAL_PURGE_RXABORT | SERIAL_PURGE_RXCLEAR)
 
+// Throws away what the port holds for reading, and any read in flight.
+_IRQL_requires_max_(PASSIVE_LEVEL) VOID UartPurgeRx(FdoExtension* Context);
+
 // 0 when the switch ran to its end, and also when the port refused the flow-control setting
 // (reading then stays stopped); -1 when the rate or the line control was refused (reading
 // stays stopped). Waits without limit for the read thread to end. Unused is not looked at.

@@ -78,10 +78,19 @@ void StressTest::expect_all_ended()
 
 void StressTest::expect_fresh_read(pnp::ClientHandle& h)
 {
-    // A frame that was on the wire or in the read thread's hands when the read came may still
-    // be its answer: an NMEA epoch takes some 20 ms to leave at 460800 bit/s and read.
-    const sched::Nanos posted = sched::current().now() - 100 * kMillisecond;
+    // The answer may be a frame left over from the chip's previous burst: one queued while
+    // the processing thread was in a pass waits for the next burst's signal (an NMEA epoch a
+    // second later), and a burst takes some 20 ms to leave at 460800 bit/s and be read.
+    sched::Nanos posted = sched::current().now() - 1100 * kMillisecond;
     auto read = h.ioctl_async(IOCTL_VC_GPS_START_READ, {}, 512);
+    if (!read->wait(sched::current().now() + 2 * kSecond) && reading_ended()) {
+        // Reading ends now and then by design (docs/limits.md); a wake brings it back.
+        ASSERT_EQ(stack().sleep(PowerDeviceD3), STATUS_SUCCESS);
+        ASSERT_EQ(stack().wake(), STATUS_SUCCESS);
+        ASSERT_TRUE(read->wait(sched::current().now() + 5 * kSecond));
+        posted = sched::current().now() - 1100 * kMillisecond;
+        read = h.ioctl_async(IOCTL_VC_GPS_START_READ, {}, 512);
+    }
     ASSERT_TRUE(read->wait(sched::current().now() + 2 * kSecond)) << "no frame for a read";
     ASSERT_EQ(read->status(), STATUS_SUCCESS);
     auto out = read->output();
@@ -97,7 +106,16 @@ void StressTest::expect_fresh_read(pnp::ClientHandle& h)
         sent |= e.sent && e.time >= posted && e.frame.pid == frame[3] && e.frame.sid == frame[4] &&
                 e.frame.payload == payload;
     }
-    EXPECT_TRUE(sent) << "the read got a frame the chip did not send since";
+    EXPECT_TRUE(sent) << "the read got a frame the chip did not send since: pid " << int(frame[3])
+                      << " sid " << int(frame[4]) << " payload " << payload.size();
+}
+
+bool StressTest::reading_ended()
+{
+    const std::string all = log();
+    const std::size_t last = all.rfind(")StartFunc_GPS ");
+    return last != std::string::npos && all.compare(all.find_first_not_of(' ', last + 15), 35,
+                                                    "OsSetSignal Threadread_FinishSignal") == 0;
 }
 
 void StressTest::expect_working()

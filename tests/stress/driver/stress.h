@@ -38,6 +38,8 @@ class StressTest : public DriverTest
                                          std::size_t out = 512);
     // Every request sent ends, with any status, within five seconds.
     void expect_all_ended();
+    // Whether the read thread has ended on its own, with nothing started since.
+    static bool reading_ended();
     // A read posted now completes with a frame the chip sent after it was posted.
     void expect_fresh_read(pnp::ClientHandle& h);
     // The same through a handle opened for the check, on the parent and on the child.
