@@ -26,17 +26,23 @@ _Use_decl_annotations_ OS_STATUS OsAllocateMutex(OsMutex** Mutex, PCSTR Name)
     return OS_SUCCESS;
 }
 
+// A block whose wait lock could not be made serialises nothing, like no mutex at all.
+static BOOLEAN has_lock(const OsMutex* Mutex)
+{
+    return Mutex != NULL && Mutex->WaitLock != NULL;
+}
+
 _Use_decl_annotations_ VOID OsAcquireMutex(OsMutex* Mutex)
 {
     // Commands sent before the mutex exists go out unserialised; nothing else runs then.
-    if (Mutex != NULL) {
+    if (has_lock(Mutex)) {
         (VOID) WdfWaitLockAcquire(Mutex->WaitLock, NULL);
     }
 }
 
 _Use_decl_annotations_ VOID OsReleaseMutex(OsMutex* Mutex)
 {
-    if (Mutex != NULL) {
+    if (has_lock(Mutex)) {
         WdfWaitLockRelease(Mutex->WaitLock);
     }
 }
@@ -62,6 +68,10 @@ _Use_decl_annotations_ VOID OsFreeMutex(OsMutex** Mutex)
 {
     if (Mutex == NULL || *Mutex == NULL) {
         MvDbgPrint(DBG_OS, "OS:  fail cause ppMutex has not allocate before");
+        return;
+    }
+    if ((*Mutex)->WaitLock == NULL) {
+        OsFreeMemory((PVOID*)Mutex);
         return;
     }
     if (!OsTryAcquireMutex(*Mutex)) {

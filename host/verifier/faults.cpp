@@ -21,6 +21,7 @@ struct Armed {
 struct Table {
     std::mutex lock;
     std::vector<Armed> rules;
+    std::uint64_t fired = 0;
 };
 
 // Never destroyed: threads may still allocate while the process exits.
@@ -64,6 +65,14 @@ void clear_faults()
     Table& t = table();
     std::lock_guard lock(t.lock);
     t.rules.clear();
+    t.fired = 0;
+}
+
+std::uint64_t faults_fired()
+{
+    Table& t = table();
+    std::lock_guard lock(t.lock);
+    return t.fired;
 }
 
 std::int32_t inject(Site site, std::uint32_t what, std::uint32_t code)
@@ -76,6 +85,7 @@ std::int32_t inject(Site site, std::uint32_t what, std::uint32_t code)
             status = armed.rule.status;
         }
     }
+    t.fired += status != 0;
     return status;
 }
 

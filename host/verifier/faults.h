@@ -29,6 +29,9 @@ struct FaultRule {
 
 void add_fault(const FaultRule& rule);
 void clear_faults();
+// How many calls the armed rules have failed since they were last cleared: a walk that
+// fails the n-th call knows it has passed the last call when this stays 0.
+std::uint64_t faults_fired();
 
 // Every armed rule that matches the call counts it, so that rules do not shift each other's
 // counts; the first one that fires gives the status. Zero when none fires.

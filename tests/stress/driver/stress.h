@@ -42,8 +42,9 @@ class StressTest : public DriverTest
     static bool reading_ended();
     // A read posted now completes with a frame the chip sent after it was posted.
     void expect_fresh_read(pnp::ClientHandle& h);
-    // The same through a handle opened for the check, on the parent and on the child.
-    void expect_working();
+    // The same through handles opened for the check, on the parent and on the child, with
+    // NMEA output asked for first.
+    void expect_working(bool child = true);
 
   private:
     sched::Random random_;

@@ -165,7 +165,7 @@ TEST_F(SyncTest, FailedAllocation)
     }
 }
 
-// The block stays with the caller, whose teardown frees it.
+// The block stays with the caller, whose teardown frees it; until then it locks nothing.
 TEST_F(SyncTest, FailedWaitLockKeepsTheBlock)
 {
     const auto blocks = live_os_blocks();
@@ -177,7 +177,11 @@ TEST_F(SyncTest, FailedWaitLockKeepsTheBlock)
     EXPECT_EQ(live_os_blocks(), blocks + 1);
     EXPECT_THAT(log(),
                 HasSubstr(log_line("OsAllocateMutex", "OS:    OsAllocateMutex failed 0xc000009a")));
-    OsFreeMemory(reinterpret_cast<PVOID*>(&mutex));
+    OsAcquireMutex(mutex);
+    OsReleaseMutex(mutex);
+    OsFreeMutex(&mutex);
+    EXPECT_EQ(mutex, nullptr);
+    EXPECT_EQ(live_os_blocks(), blocks);
 }
 
 } // namespace
