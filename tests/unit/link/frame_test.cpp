@@ -1,5 +1,8 @@
 // Transmit frames (CRC, layout, padding, size limits, allocation failures) and the byte-order
 // helpers payloads are written with.
+#include <cstdio>
+#include <cstring>
+
 #include "link_fixture.h"
 #include "os/pool_tags.h"
 
@@ -148,6 +151,28 @@ TEST_F(FrameTest, OrderedValuesFollowTheMode)
         EXPECT_EQ(put16, u16);
         EXPECT_EQ(put32, u32);
         EXPECT_EQ(get_u32_ordered(u32[0], u32[1], u32[2], u32[3]), 0x12345678u);
+    }
+}
+
+// The dump line as writing every byte in turn leaves it, for dumps shorter than the line,
+// as long as it, and long enough to wrap many times at every offset.
+TEST_F(FrameTest, HexDumpLeavesTheLineEveryByteWouldLeave)
+{
+    Bytes data(1024);
+    for (std::size_t i = 0; i < data.size(); i++) {
+        data[i] = static_cast<std::uint8_t>(i * 37 + 11);
+    }
+    for (ULONG count : {1u, 5u, 15u, 16u, 17u, 31u, 32u, 33u, 1000u, 1024u}) {
+        char expected[HCI_HEX_DUMP_LINE_SIZE];
+        std::memset(expected, 'x', sizeof(expected));
+        std::memcpy(hci_hex_dump_line, expected, sizeof(expected));
+        for (ULONG i = 0; i < count; i++) {
+            std::snprintf(expected + (i % HCI_HEX_DUMP_ENTRIES) * 3, 4, "%02x ", data[i]);
+        }
+        hci_hex_dump(data.data(), count);
+        EXPECT_EQ(std::string(hci_hex_dump_line, sizeof(expected)),
+                  std::string(expected, sizeof(expected)))
+            << count << " bytes";
     }
 }
 
