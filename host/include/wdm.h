@@ -173,8 +173,10 @@ inline bool operator==(REFGUID a, REFGUID b)
 #define RTL_FIELD_SIZE(type, field) (sizeof(((type*)0)->field))
 #define RTL_NUMBER_OF(a) (sizeof(a) / sizeof((a)[0]))
 #define ARRAYSIZE(a) RTL_NUMBER_OF(a)
+// The field's offset from the compiler rather than from a member of a null pointer, which
+// the undefined-behaviour sanitizer reports when the optimiser leaves it to run time.
 #define CONTAINING_RECORD(address, type, field)                                                    \
-    ((type*)((PCHAR)(address) - (ULONG_PTR)(&((type*)0)->field)))
+    ((type*)((PCHAR)(address) - (ULONG_PTR) __builtin_offsetof(type, field)))
 
 // ---------------------------------------------------------------------------------------
 // Status values
