@@ -5,19 +5,6 @@
 namespace mvgps::test
 {
 
-Bytes command_record(std::uint8_t pid, std::uint8_t sid, const Bytes& payload)
-{
-    Bytes r{0xA5,
-            0,
-            static_cast<std::uint8_t>(7 + payload.size()),
-            pid,
-            sid,
-            static_cast<std::uint8_t>(payload.size() >> 8),
-            static_cast<std::uint8_t>(payload.size())};
-    r.insert(r.end(), payload.begin(), payload.end());
-    return r;
-}
-
 Bytes rate_record(std::uint32_t rate)
 {
     return command_record(GPS_COMMAND_PID_BAUD_RATE, 0,

@@ -15,8 +15,6 @@ namespace mvgps::test
 
 using Bytes = std::vector<std::uint8_t>;
 
-// A raw command record as a client frames it: header, then the payload.
-Bytes command_record(std::uint8_t pid, std::uint8_t sid, const Bytes& payload);
 // The chip's baud-rate command for this rate.
 Bytes rate_record(std::uint32_t rate);
 
