@@ -5,6 +5,8 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
+#include <span>
 #include <vector>
 
 #include "host/sched/random.h"
@@ -38,13 +40,15 @@ class StressTest : public DriverTest
     void expect_all_ended();
     // Whether the read thread has ended on its own, with nothing started since.
     static bool reading_ended();
-    // A read posted now completes with a frame the chip sent after it was posted.
+    // A read gets a frame the chip sent after it was posted, the client doing what the
+    // design's limits ask of it first.
     void expect_fresh_read(pnp::ClientHandle& h);
-    // The same through handles opened for the check, on the parent and on the child, with
-    // NMEA output asked for first.
+    // The same through handles opened for the check, on the parent and on the child.
     void expect_working(bool child = true);
 
   private:
+    std::optional<sched::Nanos> sent_at(std::span<const std::uint8_t> out, std::size_t information);
+
     sched::Random random_;
     std::vector<sched::Thread*> threads_;
     std::vector<std::shared_ptr<pnp::PendingIo>> sent_;
