@@ -80,6 +80,9 @@ Queue* Request::move_to(Place to, Queue* holder, Queue* presenter)
 
 void Request::finish(NTSTATUS final_status, ULONG_PTR final_information)
 {
+    // Completing the I/O request wakes its client, who may remove the device, and this
+    // object with it, before the object is removed below: it is held until then.
+    const std::shared_ptr<Object> self = Objects::hold(this);
     Queue* presenter = nullptr;
     std::shared_ptr<io::Request> irp;
     {
