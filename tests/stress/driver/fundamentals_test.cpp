@@ -17,7 +17,7 @@ namespace
 using sim::chip::Fault;
 using Handle = std::unique_ptr<pnp::ClientHandle>;
 
-const Bytes kOutputOption = command_record(0x22, GPS_SID_OUTPUT_OPTION, {0});
+const Bytes kOutputOption = command(0x22, GPS_SID_OUTPUT_OPTION, {0});
 
 class Fundamentals;
 
@@ -105,8 +105,8 @@ class Fundamentals : public StressTest, public testing::WithParamInterface<Scena
     {
         Handle parent = open_parent(), child = open_child();
         chip().inject(Fault::no_ack(2, 0x22));
-        send(*parent, IOCTL_VC_SET_LOG_GPS_SENDCMD, command_record(0x22, 1, {0}));
-        send(*child, IOCTL_VC_GPS_SENDCMD_ACK, command_record(0x22, 2, {0}));
+        send(*parent, IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, 1, {0}));
+        send(*child, IOCTL_VC_GPS_SENDCMD_ACK, command(0x22, 2, {0}));
         send(*parent, IOCTL_VC_SET_LOG_GPS_SENDCMD, rate_record(460800));
         send(*child, IOCTL_VC_GPS_WAKEUP);
         send(*parent, IOCTL_VC_GPS_STARTUP);

@@ -24,10 +24,10 @@ TEST_F(Limits, SecondRawCommandTakesTheAnswerSlot)
     start_running();
     std::unique_ptr<pnp::ClientHandle> client = open_parent();
     chip().inject(sim::chip::Fault::no_ack(1, 0x22, 1));
-    auto first = send(*client, IOCTL_VC_SET_LOG_GPS_SENDCMD, command_record(0x22, 1, {0}));
+    auto first = send(*client, IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, 1, {0}));
     ASSERT_TRUE(wait_until([&] { return logged("send CMD OK!"); }));
-    auto second = send(*client, IOCTL_VC_SET_LOG_GPS_SENDCMD,
-                       command_record(0x22, GPS_SID_OUTPUT_OPTION, {0}));
+    auto second =
+        send(*client, IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, GPS_SID_OUTPUT_OPTION, {0}));
     ASSERT_TRUE(second->wait(sched::current().now() + 2 * kSecond));
     EXPECT_EQ(second->status(), STATUS_SUCCESS);
     EXPECT_EQ(second->output()[4], GPS_SID_OUTPUT_OPTION);

@@ -7,10 +7,9 @@ namespace mvgps::test
 
 Bytes rate_record(std::uint32_t rate)
 {
-    return command_record(GPS_COMMAND_PID_BAUD_RATE, 0,
-                          {static_cast<std::uint8_t>(rate), static_cast<std::uint8_t>(rate >> 8),
-                           static_cast<std::uint8_t>(rate >> 16),
-                           static_cast<std::uint8_t>(rate >> 24)});
+    return command(GPS_COMMAND_PID_BAUD_RATE, 0,
+                   {static_cast<std::uint8_t>(rate), static_cast<std::uint8_t>(rate >> 8),
+                    static_cast<std::uint8_t>(rate >> 16), static_cast<std::uint8_t>(rate >> 24)});
 }
 
 StressTest::StressTest() : random_("stress scenario") {}

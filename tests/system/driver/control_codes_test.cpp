@@ -171,7 +171,7 @@ TEST_F(ControlCodes, ReadCompletesWithHeaderAndFrameAndSleepCancelsAWaitingOne)
 TEST_F(ControlCodes, RawCommandsCompleteWithTheirAnswer)
 {
     for (ULONG code : {IOCTL_VC_SET_LOG_GPS_SENDCMD, IOCTL_VC_GPS_SENDCMD_ACK}) {
-        auto pending = raw(code, command_record(0x22, GPS_SID_OUTPUT_OPTION, {0}));
+        auto pending = raw(code, command(0x22, GPS_SID_OUTPUT_OPTION, {0}));
         ASSERT_TRUE(pending->wait(sched::current().now() + 5 * kSecond)) << code;
         EXPECT_EQ(pending->status(), STATUS_SUCCESS);
         auto out = pending->output();
@@ -194,7 +194,7 @@ TEST_F(ControlCodes, BaudRateFollowsOnlyTheRateCommand)
     for (Case c : {Case{1, false}, Case{0, true}}) {
         kernel::clear_debug_output();
         auto pending = raw(IOCTL_VC_SET_LOG_GPS_SENDCMD,
-                           command_record(GPS_COMMAND_PID_BAUD_RATE, c.sid, le32(115200)));
+                           command(GPS_COMMAND_PID_BAUD_RATE, c.sid, le32(115200)));
         ASSERT_TRUE(wait_until([&] { return logged("send CMD OK!"); }));
         run_for(200 * kMillisecond);
         EXPECT_EQ(logged("change_baudrate to 115200 success."), c.follows) << log();
@@ -207,13 +207,12 @@ TEST_F(ControlCodes, BaudRateFollowsOnlyTheRateCommand)
 TEST_F(ControlCodes, FailedRawSendsAndUnknownCodes)
 {
     wdf::faults::add(wdf::faults::fail_nth_send(1, wdf::faults::Op::Write));
-    expect({"no_ack_send_fails", IOCTL_VC_SET_LOG_GPS_SENDCMD, command_record(0x22, 5, {0}), 64,
+    expect({"no_ack_send_fails", IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, 5, {0}), 64,
             STATUS_UNSUCCESSFUL});
     EXPECT_TRUE(logged("send CMD Wrong!"));
     EXPECT_EQ(ext().CMD_Request, nullptr);
     wdf::faults::add(wdf::faults::fail_nth_send(1, wdf::faults::Op::Write));
-    expect({"ack_send_fails", IOCTL_VC_GPS_SENDCMD_ACK, command_record(0x22, 5, {0}), 64,
-            STATUS_SUCCESS});
+    expect({"ack_send_fails", IOCTL_VC_GPS_SENDCMD_ACK, command(0x22, 5, {0}), 64, STATUS_SUCCESS});
     EXPECT_EQ(ext().CMD_Request, nullptr);
     wdf::faults::clear();
 
@@ -227,7 +226,7 @@ TEST_F(ControlCodes, FailedRawSendsAndUnknownCodes)
 
 TEST_F(ControlCodes, MalformedRecordsAreRefusedUnsent)
 {
-    Bytes short_payload = command_record(0x22, 5, {0, 0, 0});
+    Bytes short_payload = command(0x22, 5, {0, 0, 0});
     short_payload.pop_back();
     Bytes fence_short = fence_record();
     fence_short.pop_back();
@@ -262,7 +261,7 @@ TEST_F(ControlCodes, MalformedRecordsAreRefusedUnsent)
 TEST_F(ControlCodes, UnansweredRawCommandIsCancelledByItsClient)
 {
     chip().inject(sim::chip::Fault::no_ack(2, 0x22, 5));
-    auto cancelled = raw(IOCTL_VC_SET_LOG_GPS_SENDCMD, command_record(0x22, 5, {0}));
+    auto cancelled = raw(IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, 5, {0}));
     ASSERT_TRUE(wait_until([&] { return logged("send CMD OK!"); }));
     run_for(100 * kMillisecond);
     EXPECT_FALSE(cancelled->done());
@@ -271,7 +270,7 @@ TEST_F(ControlCodes, UnansweredRawCommandIsCancelledByItsClient)
     EXPECT_EQ(cancelled->status(), STATUS_CANCELLED);
     EXPECT_EQ(ext().CMD_Request, nullptr);
 
-    auto closed = raw(IOCTL_VC_SET_LOG_GPS_SENDCMD, command_record(0x22, 5, {0}));
+    auto closed = raw(IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, 5, {0}));
     run_for(100 * kMillisecond);
     client_->close();
     ASSERT_TRUE(closed->wait(sched::current().now() + 5 * kSecond));
@@ -284,7 +283,7 @@ TEST_F(ControlCodes, UnansweredRawCommandIsCancelledByItsClient)
 TEST_F(ControlCodes, SleepAndRemovalWithAnUnansweredRawCommand)
 {
     chip().inject(sim::chip::Fault::no_ack(1, 0x22, 5));
-    auto pending = raw(IOCTL_VC_SET_LOG_GPS_SENDCMD, command_record(0x22, 5, {0}));
+    auto pending = raw(IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, 5, {0}));
     ASSERT_TRUE(wait_until([&] { return logged("send CMD OK!"); }));
     ASSERT_EQ(stack().sleep(PowerDeviceD3), STATUS_SUCCESS);
     EXPECT_FALSE(pending->done());

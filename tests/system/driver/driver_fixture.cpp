@@ -22,20 +22,6 @@ constexpr GUID kTraceProvider = {
 
 } // namespace
 
-std::vector<std::uint8_t> command_record(std::uint8_t pid, std::uint8_t sid,
-                                         const std::vector<std::uint8_t>& payload)
-{
-    std::vector<std::uint8_t> r{0xA5,
-                                0,
-                                static_cast<std::uint8_t>(7 + payload.size()),
-                                pid,
-                                sid,
-                                static_cast<std::uint8_t>(payload.size() >> 8),
-                                static_cast<std::uint8_t>(payload.size())};
-    r.insert(r.end(), payload.begin(), payload.end());
-    return r;
-}
-
 DriverTest::DriverTest() : sched_(sched::make_from_env())
 {
     kernel::clear_debug_output();

@@ -60,10 +60,6 @@ T peek(const volatile T& field)
 inline constexpr std::uint64_t kUartId = sim::kUartConnectionId;
 inline constexpr char16_t kSerialPort[] = u"\\DosDevices\\COM7";
 
-// A raw command record as a client frames it: header, then the payload.
-std::vector<std::uint8_t> command_record(std::uint8_t pid, std::uint8_t sid,
-                                         const std::vector<std::uint8_t>& payload);
-
 struct Node {
     std::vector<CM_PARTIAL_RESOURCE_DESCRIPTOR> resources{pnp::uart_connection(kUartId)};
     std::optional<ULONG> baud_rate = 921600; // BaudRateIndex; none: the value is absent
