@@ -15,7 +15,6 @@
 namespace mvgps::test
 {
 
-
 // The chip's baud-rate command for this rate.
 Bytes rate_record(std::uint32_t rate);
 
