@@ -224,6 +224,9 @@ void Objects::remove(Object* object, const char* how)
 {
     std::vector<std::shared_ptr<Object>> kids;
     std::shared_ptr<Object> self;
+    // A parent deleted on another thread meanwhile skips this child, which is already being
+    // deleted, and may be gone before the child leaves its list: hold it until then.
+    std::shared_ptr<Object> parent;
     {
         sched::StateLock lock(sched::current());
         if (object->state_ != Object::State::Live) {
@@ -232,6 +235,9 @@ void Objects::remove(Object* object, const char* how)
         object->state_ = Object::State::Deleting;
         kids = object->children_;
         self = object->shared_from_this();
+        if (object->parent_) {
+            parent = object->parent_->shared_from_this();
+        }
     }
     for (auto it = kids.rbegin(); it != kids.rend(); ++it) {
         remove(it->get());
@@ -249,7 +255,7 @@ void Objects::remove(Object* object, const char* how)
     object->state_ = Object::State::Dead;
     table().live.erase(key(handle));
     table().dead.emplace(key(handle), Table::Tombstone{object->kind(), how});
-    if (Object* parent = object->parent_) {
+    if (parent) {
         auto& siblings = parent->children_;
         siblings.erase(std::remove(siblings.begin(), siblings.end(), self), siblings.end());
     }

@@ -45,6 +45,7 @@ void DriverTest::remove()
     stack().unload();
     EXPECT_EQ(kernel::registered_providers(), 0u) << "the trace provider outlived the driver";
     holder_.reset();
+    built_ = false;
     device_.reset();
 }
 
@@ -62,6 +63,7 @@ NTSTATUS DriverTest::start(const Node& node, std::uint32_t chip_rate)
         config.serial_port = kSerialPort;
     }
     device_ = std::make_unique<sim::HostedDevice>(std::move(config));
+    built_ = true;
     if (node.chip_silent) {
         chip().set_power(false);
     }

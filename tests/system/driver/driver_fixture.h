@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -84,7 +85,7 @@ class DriverTest : public testing::Test
     void remove();
 
     // Whether start() has built the world (it may still be starting the device).
-    bool built() const { return device_ != nullptr; }
+    bool built() const { return built_.load(); }
     pnp::DeviceStack& stack() { return device_->stack(); }
     sim::chip::Chip& chip() { return *device_->chip(); }
     sim::uart::SerialController& uart() { return device_->controller(); }
@@ -126,6 +127,8 @@ class DriverTest : public testing::Test
 
     sched::Install sched_;
     std::unique_ptr<sim::HostedDevice> device_;
+    // Set once device_ is in place, for a test that starts the device on a thread of its own.
+    std::atomic<bool> built_{false};
     std::unique_ptr<io::File> holder_; // another opener of the UART
 };
 
