@@ -258,42 +258,6 @@ TEST_F(ControlCodes, MalformedRecordsAreRefusedUnsent)
     EXPECT_EQ(count("Failed to get output buffer"), 2u);
 }
 
-TEST_F(ControlCodes, UnansweredRawCommandIsCancelledByItsClient)
-{
-    chip().inject(sim::chip::Fault::no_ack(2, 0x22, 5));
-    auto cancelled = raw(IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, 5, {0}));
-    ASSERT_TRUE(wait_until([&] { return logged("send CMD OK!"); }));
-    run_for(100 * kMillisecond);
-    EXPECT_FALSE(cancelled->done());
-    cancelled->cancel();
-    ASSERT_TRUE(cancelled->wait(sched::current().now() + 5 * kSecond));
-    EXPECT_EQ(cancelled->status(), STATUS_CANCELLED);
-    EXPECT_EQ(ext().CMD_Request, nullptr);
-
-    auto closed = raw(IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, 5, {0}));
-    run_for(100 * kMillisecond);
-    client_->close();
-    ASSERT_TRUE(closed->wait(sched::current().now() + 5 * kSecond));
-    EXPECT_EQ(closed->status(), STATUS_CANCELLED);
-    EXPECT_EQ(ext().CMD_Request, nullptr);
-}
-
-// Without the stop callback the sleep would wait for the answer until the power watchdog
-// stopped the system; with it the device sleeps, and removal ends the request.
-TEST_F(ControlCodes, SleepAndRemovalWithAnUnansweredRawCommand)
-{
-    chip().inject(sim::chip::Fault::no_ack(1, 0x22, 5));
-    auto pending = raw(IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, 5, {0}));
-    ASSERT_TRUE(wait_until([&] { return logged("send CMD OK!"); }));
-    ASSERT_EQ(stack().sleep(PowerDeviceD3), STATUS_SUCCESS);
-    EXPECT_FALSE(pending->done());
-    ASSERT_EQ(stack().wake(), STATUS_SUCCESS);
-    EXPECT_FALSE(pending->done());
-    stack().surprise_remove();
-    ASSERT_TRUE(pending->wait(sched::current().now() + 5 * kSecond));
-    EXPECT_EQ(pending->status(), STATUS_CANCELLED);
-}
-
 // The chip's table decides each answer, and the log names it: statuses 3 and 4 give their
 // results crossed over, and a status the table never gives is forced last. Records the chip
 // cannot take are refused unsent; an answer about another fence is a failure.

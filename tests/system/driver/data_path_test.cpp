@@ -1,6 +1,6 @@
 // The data path under the control codes: commands with acknowledgement and resend, the
 // answers a client reads, chip memory access, the acknowledgement buffer's bound, and the
-// read thread's end on a silent line and at removal.
+// order the threads stop in at removal.
 #include <numeric>
 #include <optional>
 
@@ -207,18 +207,6 @@ TEST_F(DataPath, MemoryCommandLimits)
     ASSERT_EQ(read_mem(&ext(), 0x20000000, kLength, out.data(), 0), 0);
     EXPECT_EQ(Bytes(out.begin(), out.begin() + kLength),
               Bytes(data.begin(), data.begin() + kLength));
-}
-
-// The read thread ends once a read times out with nothing: 50 ms after the line fell silent.
-TEST_F(DataPath, SilentChipEndsTheReadThread)
-{
-    chip().set_power(false);
-    const sched::Nanos silent = now();
-    ASSERT_TRUE(wait_until([] { return logged("OsSetSignal Threadread_FinishSignal"); }));
-    if (simulated()) {
-        EXPECT_LE(now() - silent, 80 * kMillisecond);
-    }
-    EXPECT_TRUE(logged("Read COM: status(0xc00000b5)BytesRead(0)"));
 }
 
 // Removal stops the target, then the read thread, then the processing thread, with frames
