@@ -1,6 +1,6 @@
 // The control codes as a GPS client sends them to the bus device: results, information
 // counts and outputs, the two status flags, a waiting read ended by the sleep code, the
-// baud-rate follow-up and malformed records.
+// baud-rate follow-up, malformed records, and a raw command that is never answered.
 #include <cstring>
 
 #include "control/control.h"
@@ -8,6 +8,7 @@
 #include "driver_fixture.h"
 #include "host/wdf/faults.h"
 #include "link/codec/hci.h"
+#include "sim/chip/faults.h"
 
 namespace mvgps::test
 {
@@ -265,6 +266,26 @@ TEST_F(ControlCodes, GeofenceAnswersFollowTheChipsTable)
     chip().set_geofence_status(9);
     expect({"status_9", IOCTL_VC_GPS_GEOFENCE_CMD, fence_query(kFenceId), 0, STATUS_UNSUCCESSFUL});
     EXPECT_TRUE(logged("unknown status"));
+}
+
+// The same scenario with the request held as the dispatcher first held it, not cancelable:
+// the queue's stop callback can neither let the sleep proceed nor end the request, so the
+// sleep waits for the chip's answer until the power watchdog stops the system.
+TEST_F(ControlCodes, UncancelableUnansweredRawCommandStopsTheSleep)
+{
+    if (!simulated()) {
+        GTEST_SKIP() << "the power watchdog runs out in simulated time";
+    }
+    EXPECT_DEATH(
+        {
+            chip().inject(sim::chip::Fault::no_ack(1, 0x22, 5));
+            auto pending = raw(IOCTL_VC_SET_LOG_GPS_SENDCMD, command(0x22, 5, {0}));
+            (void)wait_until([&] { return logged("send CMD OK!"); });
+            (void)WdfRequestUnmarkCancelable(ext().CMD_Request);
+            (void)stack().sleep(PowerDeviceD3);
+            std::_Exit(0);
+        },
+        "DRIVER_POWER_STATE_FAILURE.*cannot leave D0");
 }
 
 } // namespace
