@@ -268,9 +268,11 @@ TEST_F(ControlCodes, GeofenceAnswersFollowTheChipsTable)
     EXPECT_TRUE(logged("unknown status"));
 }
 
-// The same scenario with the request held as the dispatcher first held it, not cancelable:
+// A raw command the chip never answers, held as the dispatcher first held it, not cancelable:
 // the queue's stop callback can neither let the sleep proceed nor end the request, so the
-// sleep waits for the chip's answer until the power watchdog stops the system.
+// sleep waits for the chip's answer until the power watchdog stops the system. As the
+// driver holds it (cancelable), the same sleep proceeds: the stress suite's sleep with an
+// unanswered command.
 TEST_F(ControlCodes, UncancelableUnansweredRawCommandStopsTheSleep)
 {
     if (!simulated()) {
