@@ -55,7 +55,8 @@ std::string read_file(const std::string& path);
 // Polls `done` every 20 ms until it holds or `limit` passes.
 bool wait_for(const std::function<bool()>& done, std::chrono::milliseconds limit);
 // Why the machine is too busy for a test that runs the driver in real time (a load above
-// twice its cores: the driver's 50 ms read timeout cannot hold then), or empty.
+// twice its cores that does not fall within a minute and a half: the driver's 50 ms read
+// timeout cannot hold then), or empty.
 std::string too_busy_for_real_time();
 // Whether an executable of this name is in PATH or in /usr/sbin.
 std::string find_program(const std::string& name);
