@@ -15,13 +15,9 @@
 
 #define PROBE_CODE(n) CTL_CODE(FILE_DEVICE_UNKNOWN, 0x900 + (n), METHOD_BUFFERED, FILE_ANY_ACCESS)
 #define IOCTL_PROBE_ECHO PROBE_CODE(0)      // output = input + 1 bytewise, Information = in
-#define IOCTL_PROBE_PARK PROBE_CODE(1)      // forwarded to a manual queue
-#define IOCTL_PROBE_RETRIEVE PROBE_CODE(2)  // completes one parked request; status = retrieve's
 #define IOCTL_PROBE_HOLD PROBE_CODE(3)      // kept by the driver, never completed
 #define IOCTL_PROBE_STATE PROBE_CODE(4)     // output: PROBE_STATE
 #define IOCTL_PROBE_ADD_CHILD PROBE_CODE(5) // reports the child, twice
-// ECHO with the method that leaves the caller's buffers to the driver.
-#define IOCTL_PROBE_ECHO_NEITHER (IOCTL_PROBE_ECHO | METHOD_NEITHER)
 // Each breaks one verifier rule.
 #define IOCTL_PROBE_DOUBLE_COMPLETE PROBE_CODE(6)
 #define IOCTL_PROBE_COMPLETE_PARKED PROBE_CODE(7)
@@ -40,8 +36,6 @@
 #define IOCTL_PROBE_START_THREAD PROBE_CODE(15)
 // A false NT_ASSERT.
 #define IOCTL_PROBE_ASSERT PROBE_CODE(16)
-// IOCTL_PROBE_RETRIEVE on the relay queue, which is parallel.
-#define IOCTL_PROBE_RETRIEVE_RELAY PROBE_CODE(17)
 
 #define PROBE_FAIL_PREPARE_HARDWARE 1
 #define PROBE_FAIL_SELF_MANAGED_IO_INIT 2

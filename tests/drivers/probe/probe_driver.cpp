@@ -384,7 +384,6 @@ static VOID ProbeDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t Output
                                size_t, ULONG IoControlCode)
 {
     PPROBE_CONTEXT context = ProbeGetContext(WdfIoQueueGetDevice(Queue));
-    WDFREQUEST parked;
     NTSTATUS status = STATUS_SUCCESS;
     PROBE_STATE* state;
     KSPIN_LOCK spin;
@@ -393,27 +392,15 @@ static VOID ProbeDeviceControl(WDFQUEUE Queue, WDFREQUEST Request, size_t Output
 
     switch (IoControlCode) {
     case IOCTL_PROBE_ECHO:
-    case IOCTL_PROBE_ECHO_NEITHER:
         ProbeEcho(Request);
         return;
-    case IOCTL_PROBE_PARK:
     case IOCTL_PROBE_COMPLETE_PARKED:
         status = WdfRequestForwardToIoQueue(Request, context->Parked);
         if (!NT_SUCCESS(status)) {
             break;
         }
-        if (IoControlCode == IOCTL_PROBE_COMPLETE_PARKED) {
-            WdfRequestComplete(Request, STATUS_SUCCESS);
-        }
+        WdfRequestComplete(Request, STATUS_SUCCESS);
         return;
-    case IOCTL_PROBE_RETRIEVE:
-    case IOCTL_PROBE_RETRIEVE_RELAY:
-        status = WdfIoQueueRetrieveNextRequest(
-            IoControlCode == IOCTL_PROBE_RETRIEVE ? context->Parked : context->Relay, &parked);
-        if (NT_SUCCESS(status)) {
-            WdfRequestComplete(parked, STATUS_SUCCESS);
-        }
-        break;
     case IOCTL_PROBE_HOLD:
         return;
     case IOCTL_PROBE_STATE:
