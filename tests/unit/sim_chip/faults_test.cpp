@@ -1,8 +1,6 @@
 // Each fault script, seen from the client's end of the wire.
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include "tests/unit/sim_chip/world.h"
 
 namespace mvgps::sim::chip
@@ -133,28 +131,6 @@ TEST(ChipFaults, ResetRestoresBootState)
     EXPECT_EQ(w.chip.rate(), 921600u);
     EXPECT_EQ(w.chip.peek(0x100, 1), Bytes{0});
     EXPECT_EQ(w.chip.stats().resets, 1u);
-}
-
-TEST(ChipFaults, LineFaultsLoseCommandsUntilTheyEnd)
-{
-    struct Case {
-        const char* name;
-        Fault fault;
-        std::function<void(World&)> recover;
-    } cases[] = {
-        {"silence", Fault::silence(300 * kMs), [](World&) { run_for(60 * kMs); }},
-        {"rate mismatch", Fault::rate_mismatch(57600), [](World& w) { w.client.set_rate(57600); }},
-    };
-    for (const auto& c : cases) {
-        World w;
-        w.chip.inject(c.fault);
-        w.client.clear();
-        EXPECT_FALSE(w.client.command(0xFF, 2, {}, 250 * kMs)) << c.name;
-        EXPECT_TRUE(w.client.received().empty()) << c.name;
-        EXPECT_EQ(w.chip.stats().frames_received, 0u) << c.name << ": the command was lost";
-        c.recover(w);
-        EXPECT_TRUE(w.client.command(0xFF, 2)) << c.name;
-    }
 }
 
 } // namespace
