@@ -1,7 +1,9 @@
 // gpsd, the daemon most Linux GPS software reads, fed by the driver through `mvgps run`'s
 // pty: from a recorded capture its position reports must equal, one for one, those it makes
-// from the capture read directly.
+// from the capture read directly; from the receiver model it must report a moving 3D fix.
 #include <gtest/gtest.h>
+
+#include <signal.h>
 
 #include <filesystem>
 
@@ -94,6 +96,42 @@ INSTANTIATE_TEST_SUITE_P(Captures, GpsdCapture, testing::Values("triton400.log",
                              std::string name = info.param;
                              return name.substr(0, name.find_first_of(".-"));
                          });
+
+TEST(GpsdReceiverModel, ReportsA3DFixMovingAlongTheRoute)
+{
+    SKIP_WITHOUT_GPSD();
+    TempDir dir;
+    const std::string link = dir.path("gps");
+    auto run = Process::start({MVGPS_PROGRAM, "run", "--wait-reader", "--nmea-pty", link,
+                               "--control", dir.path("control.sock"), "--json"},
+                              dir.path("run.json"));
+    ASSERT_TRUE(wait_for([&] { return std::filesystem::exists(link); }, 10s));
+    auto gpsd = Gpsd::start(link, dir, "model");
+    ASSERT_TRUE(gpsd && gpsd->wait_active());
+    ASSERT_TRUE(wait_for([&] { return gpsd->tpv().size() >= 5; }, 20s)) << gpsd->output();
+    run->signal(SIGTERM);
+    EXPECT_EQ(run->wait(10s), 0) << "a clean stop on SIGTERM";
+    gpsd->finish();
+
+    const auto tpv = gpsd->tpv();
+    ASSERT_GE(tpv.size(), 5u);
+    for (const auto& t : tpv) {
+        EXPECT_EQ(t.value("mode", 0), 3) << t;
+        // The model's route is a loop of a few kilometres.
+        EXPECT_NEAR(t.value("lat", 0.0), 48.125, 0.02) << t;
+        EXPECT_NEAR(t.value("lon", 0.0), 11.52, 0.03) << t;
+    }
+    const auto& first = tpv.front();
+    const auto& last = tpv.back();
+    EXPECT_NE(first.value("time", ""), last.value("time", ""));
+    EXPECT_GT(std::abs(last.value("lat", 0.0) - first.value("lat", 0.0)) +
+                  std::abs(last.value("lon", 0.0) - first.value("lon", 0.0)),
+              1e-4)
+        << "the position moves (12.5 m/s)";
+    const auto summary = nlohmann::json::parse(read_file(dir.path("run.json")), nullptr, false);
+    ASSERT_TRUE(summary.is_object()) << read_file(dir.path("run.json"));
+    EXPECT_EQ(summary["pool_left"], 0);
+}
 
 } // namespace
 } // namespace mvgps::test
