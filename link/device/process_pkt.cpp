@@ -33,11 +33,11 @@ static VOID queue_frame(FdoExtension* ext, const UCHAR* frame, USHORT len)
 }
 
 // Under PacketLock. The answer goes into the client's output buffer only when it fits; a
-// shorter buffer gets STATUS_BUFFER_TOO_SMALL and nothing.
+// shorter buffer, or none, gets an error status and nothing.
 static VOID answer_cmd_request(WDFREQUEST request, const UCHAR* frame, USHORT len)
 {
     WDFMEMORY memory;
-    ULONG_PTR information = len;
+    ULONG_PTR information = 0;
     NTSTATUS status = WdfRequestRetrieveOutputMemory(request, &memory);
     if (NT_SUCCESS(status)) {
         MvDbgPrintAs(PROCESS_FN, DBG_ERROR, "success to get output buffer");
@@ -48,12 +48,12 @@ static VOID answer_cmd_request(WDFREQUEST request, const UCHAR* frame, USHORT le
         MvDbgPrintAs(PROCESS_FN, DBG_ERROR, "Bufferplen: %d", len);
         if (size < len) {
             status = STATUS_BUFFER_TOO_SMALL;
-            information = 0;
         } else {
             for (USHORT i = 0; i < len; i++) {
                 pdata[i] = frame[i];
                 MvDbgPrintAs(PROCESS_FN, DBG_ERROR, "pdata:%02x", pdata[i]);
             }
+            information = len;
         }
     }
     WdfRequestCompleteWithInformation(request, status, information);
