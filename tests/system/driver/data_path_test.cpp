@@ -114,14 +114,14 @@ TEST_F(DataPath, AnswersReachCommandAndReadWhenTheyFit)
             EXPECT_EQ(reader->information(), 0u);
         }
     }
+    auto later = read();
+    run_for(100 * kMillisecond);
+    EXPECT_FALSE(later->done());
     // With no output buffer at all the command gets the framework's error and 0 bytes.
     auto blind = send(IOCTL_VC_SET_LOG_GPS_SENDCMD, 0);
     ASSERT_TRUE(blind->wait(now() + 100 * kMillisecond));
     EXPECT_FALSE(NT_SUCCESS(blind->status()));
     EXPECT_EQ(blind->information(), 0u);
-    auto later = read();
-    run_for(100 * kMillisecond);
-    EXPECT_FALSE(later->done());
 }
 
 // A frame queued while a pass runs may wait for the next frame's wake-up; nothing else stays.
