@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -38,14 +39,14 @@ using sim::testkit::le32;
 // A raw-command record as a client builds it: header, then the payload.
 inline Bytes command(std::uint8_t pid, std::uint8_t sid, const Bytes& payload)
 {
-    Bytes r{0xA5,
-            0,
-            static_cast<std::uint8_t>(7 + payload.size()),
-            pid,
-            sid,
-            static_cast<std::uint8_t>(payload.size() >> 8),
-            static_cast<std::uint8_t>(payload.size())};
-    r.insert(r.end(), payload.begin(), payload.end());
+    Bytes r(7 + payload.size());
+    r[0] = 0xA5;
+    r[2] = static_cast<std::uint8_t>(r.size());
+    r[3] = pid;
+    r[4] = sid;
+    r[5] = static_cast<std::uint8_t>(payload.size() >> 8);
+    r[6] = static_cast<std::uint8_t>(payload.size());
+    std::copy(payload.begin(), payload.end(), r.begin() + 7);
     return r;
 }
 
