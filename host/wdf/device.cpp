@@ -546,8 +546,9 @@ NTSTATUS Device::set_power(DEVICE_POWER_STATE state)
     if (cb.EvtDeviceSelfManagedIoRestart) {
         call_driver("EvtDeviceSelfManagedIoRestart", cb.EvtDeviceSelfManagedIoRestart, wdf());
     }
+    // A child that never started (its own start-up failed) has no power state to follow.
     for (Device* kid : kids) {
-        if (NT_SUCCESS(status)) {
+        if (NT_SUCCESS(status) && kid->pnp_state() == Pnp::Started) {
             status = kid->set_power(PowerDeviceD0);
         }
     }

@@ -186,7 +186,10 @@ void Chip::serve(const Frame& command, Nanos arrival)
         receiver_.assist(arrival);
     }
     Burst b;
-    b.at = arrival + random_.between(config_.answer_delay_min, config_.answer_delay_max);
+    // Commands are answered in the order they came, so a rate switch follows the last one.
+    b.at = std::max(answer_at_,
+                    arrival + random_.between(config_.answer_delay_min, config_.answer_delay_max));
+    answer_at_ = b.at;
     if (fault && fault->kind == FaultKind::LateAck) {
         b.at += fault->delay;
     }

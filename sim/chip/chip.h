@@ -158,6 +158,7 @@ class Chip final : public LineReceiver
     sched::Nanos silent_until_ = 0;
     sched::Nanos last_rx_ = 0;
     sched::Nanos tx_done_ = 0;
+    sched::Nanos answer_at_ = 0; // when the last answer was due
     sched::Nanos next_status_ = 0;
     sched::Nanos next_epoch_ = 0;
     std::size_t epoch_ = 0;

@@ -175,15 +175,20 @@ class Fundamentals : public StressTest, public testing::WithParamInterface<Scena
         }
         join_all();
         expect_all_ended();
-        // Switches at once can leave chip and driver at different rates (docs/limits.md). The
-        // switch back brings them together, since the driver follows its own command, and
-        // starts a new read thread where a read at 460800 bit/s had ended reading.
-        const std::size_t switches = count("change_baudrate to");
+        // Switches at once can leave chip and driver at different rates (docs/limits.md): once
+        // the commands still on the wire have reached the chip, a command naming the chip's
+        // rate brings the driver to it, and a switch made together takes both back to 921600
+        // (a wake's rate) and starts a new read thread where one at 460800 bit/s had ended.
+        sched::current().sleep_until(sched::current().now() + 50 * kMillisecond, "wire drains");
         Handle h = open_parent();
-        send(*h, IOCTL_VC_SET_LOG_GPS_SENDCMD, rate_record(921600));
-        ASSERT_TRUE(wait_until([&] { return count("change_baudrate to") > switches; }));
-        ASSERT_TRUE(wait_until([&] { return chip().rate() == 921600; }));
-        EXPECT_EQ(uart().settings().rate, 921600u);
+        for (const std::uint32_t rate : {chip().rate(), 921600u}) {
+            const std::size_t switches = count("change_baudrate to");
+            send(*h, IOCTL_VC_SET_LOG_GPS_SENDCMD, rate_record(rate));
+            ASSERT_TRUE(wait_until([&] { return count("change_baudrate to") > switches; }));
+            ASSERT_TRUE(wait_until([&] { return chip().rate() == rate; }))
+                << rate << " chip " << chip().rate() << " uart " << uart().settings().rate;
+            EXPECT_EQ(uart().settings().rate, rate);
+        }
         h->close();
     }
 

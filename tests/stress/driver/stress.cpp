@@ -21,11 +21,13 @@ StressTest::~StressTest()
 
 sched::Nanos StressTest::pick(sched::Nanos lo, sched::Nanos hi)
 {
+    std::lock_guard<std::mutex> hold(lock_);
     return random_.between(lo, hi);
 }
 
 bool StressTest::coin(double p)
 {
+    std::lock_guard<std::mutex> hold(lock_);
     return random_.chance(p);
 }
 
@@ -49,8 +51,10 @@ void StressTest::join_all()
 std::shared_ptr<pnp::PendingIo> StressTest::send(pnp::ClientHandle& h, ULONG code, const Bytes& in,
                                                  std::size_t out)
 {
-    sent_.push_back(h.ioctl_async(code, in, out));
-    return sent_.back();
+    std::shared_ptr<pnp::PendingIo> io = h.ioctl_async(code, in, out);
+    std::lock_guard<std::mutex> hold(lock_);
+    sent_.push_back(io);
+    return io;
 }
 
 void StressTest::expect_all_ended()

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <vector>
@@ -47,6 +48,8 @@ class StressTest : public DriverTest
   private:
     std::optional<sched::Nanos> sent_at(std::span<const std::uint8_t> out, std::size_t information);
 
+    // Clients on threads of their own draw and send at once in real time.
+    std::mutex lock_;
     sched::Random random_;
     std::vector<sched::Thread*> threads_;
     std::vector<std::shared_ptr<pnp::PendingIo>> sent_;
