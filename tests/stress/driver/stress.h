@@ -37,6 +37,7 @@ class StressTest : public DriverTest
                                          std::size_t out = 512);
     // Every request sent ends, with any status, within five seconds.
     void expect_all_ended();
+    void wake_if_reading_ended();
     // Whether the read thread has ended on its own, with nothing started since.
     static bool reading_ended();
     // A read gets a frame the chip sent after it was posted, the client doing what the
