@@ -158,6 +158,14 @@ void Runner::deliver(const std::string& sentence)
 
 bool Runner::capture_done(std::string& error)
 {
+    // What the chip sent while the driver was not reading is gone, though the count of
+    // sentences written may still fill up from the capture's next loop.
+    if (const std::uint64_t revivals = session_.counts().revivals; revivals > 0) {
+        error = fmt::format("the capture was not delivered whole: the driver stopped reading {} "
+                            "time(s)",
+                            revivals);
+        return false;
+    }
     if (written_ >= capture_sentences_) {
         return true;
     }
